@@ -1,0 +1,32 @@
+// Every difference between the CPython versions the module builds for lives here.
+#pragma once
+#include <Python.h>
+
+namespace registry_docs::compat {
+
+// Attribute lookup that reports absence without raising: 1 found, 0 absent, -1 error.
+inline int lookup_attr(PyObject* obj, PyObject* name, PyObject** result) {
+#if PY_VERSION_HEX >= 0x030D0000
+  return PyObject_GetOptionalAttr(obj, name, result);
+#else
+  return _PyObject_LookupAttr(obj, name, result);
+#endif
+}
+
+// Mapping lookup that reports absence without raising: 1 found, 0 absent, -1 error.
+inline int dict_get_ref(PyObject* dict, PyObject* key, PyObject** result) {
+#if PY_VERSION_HEX >= 0x030D0000
+  return PyDict_GetItemRef(dict, key, result);
+#else
+  PyObject* item = PyDict_GetItemWithError(dict, key);
+  if (item) {
+    Py_INCREF(item);
+    *result = item;
+    return 1;
+  }
+  *result = nullptr;
+  return PyErr_Occurred() ? -1 : 0;
+#endif
+}
+
+}  // namespace registry_docs::compat

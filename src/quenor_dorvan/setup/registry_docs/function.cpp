@@ -1,0 +1,298 @@
+#include "function.h"
+
+#include <structmember.h>
+
+#include "compat.h"
+
+namespace registry_docs {
+
+namespace {
+
+struct FunctionObject {
+  PyObject_HEAD
+  vectorcallfunc vectorcall;
+  const FunctionDef* def;
+  PyObject* module;
+  PyObject* globals;
+  PyObject* marker;
+  PyObject* name;
+  PyObject* module_name;
+  PyObject* doc;
+  PyObject* annotations;
+  PyObject* signature;
+  PyObject* weakrefs;
+};
+
+int function_traverse(PyObject* self, visitproc visit, void* arg) {
+  auto* f = reinterpret_cast<FunctionObject*>(self);
+  Py_VISIT(Py_TYPE(self));
+  Py_VISIT(f->module);
+  Py_VISIT(f->globals);
+  Py_VISIT(f->marker);
+  Py_VISIT(f->annotations);
+  Py_VISIT(f->signature);
+  return 0;
+}
+
+int function_clear(PyObject* self) {
+  auto* f = reinterpret_cast<FunctionObject*>(self);
+  Py_CLEAR(f->module);
+  Py_CLEAR(f->globals);
+  Py_CLEAR(f->marker);
+  Py_CLEAR(f->annotations);
+  Py_CLEAR(f->signature);
+  return 0;
+}
+
+void function_dealloc(PyObject* self) {
+  auto* f = reinterpret_cast<FunctionObject*>(self);
+  PyTypeObject* type = Py_TYPE(self);
+  PyObject_GC_UnTrack(self);
+  if (f->weakrefs) PyObject_ClearWeakRefs(self);
+  function_clear(self);
+  Py_CLEAR(f->name);
+  Py_CLEAR(f->module_name);
+  Py_CLEAR(f->doc);
+  PyObject_GC_Del(self);
+  Py_DECREF(type);
+}
+
+inline Env env_of(const FunctionObject* f) { return Env{f->module, f->globals, f->marker}; }
+
+Ref run_body(const FunctionObject* f, PyObject* const* args) {
+  if (Py_EnterRecursiveCall(" while calling a Python object")) return Ref();
+  Ref result = f->def->body(env_of(f), args);
+  Py_LeaveRecursiveCall();
+  return result;
+}
+
+// Binds positional and keyword arguments the way CPython binds a plain def with no defaults,
+// with its error texts.
+bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t nargs,
+                    PyObject* kwnames, PyObject** bound) {
+  const FunctionDef& def = *f->def;
+  for (int i = 0; i < def.nparams; ++i) bound[i] = i < nargs ? args[i] : nullptr;
+  Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
+  for (Py_ssize_t k = 0; k < nkw; ++k) {
+    PyObject* key = PyTuple_GET_ITEM(kwnames, k);
+    if (!PyUnicode_Check(key)) {
+      PyErr_Format(PyExc_TypeError, "%U() keywords must be strings", f->name);
+      return false;
+    }
+    int slot = -1;
+    for (int i = 0; i < def.nparams; ++i) {
+      if (PyUnicode_CompareWithASCIIString(key, def.params[i]) == 0) {
+        slot = i;
+        break;
+      }
+    }
+    if (slot < 0) {
+      PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", f->name, key);
+      return false;
+    }
+    if (bound[slot]) {
+      PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", f->name, key);
+      return false;
+    }
+    bound[slot] = args[nargs + k];
+  }
+  if (nargs > def.nparams) {
+    PyErr_Format(PyExc_TypeError, "%U() takes %d positional argument%s but %zd %s given", f->name,
+                 def.nparams, def.nparams == 1 ? "" : "s", nargs, nargs == 1 ? "was" : "were");
+    return false;
+  }
+  int missing = 0;
+  const char* names[2];
+  for (int i = 0; i < def.nparams; ++i) {
+    if (!bound[i]) names[missing++] = def.params[i];
+  }
+  if (missing == 1) {
+    PyErr_Format(PyExc_TypeError, "%U() missing 1 required positional argument: '%s'", f->name,
+                 names[0]);
+    return false;
+  }
+  if (missing == 2) {
+    PyErr_Format(PyExc_TypeError, "%U() missing 2 required positional arguments: '%s' and '%s'",
+                 f->name, names[0], names[1]);
+    return false;
+  }
+  return true;
+}
+
+PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf,
+                              PyObject* kwnames) {
+  auto* f = reinterpret_cast<FunctionObject*>(self);
+  Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
+  if (!kwnames && nargs == f->def->nparams) return run_body(f, args).release();
+  PyObject* bound[2] = {nullptr, nullptr};
+  if (!bind_arguments(f, args, nargs, kwnames, bound)) return nullptr;
+  return run_body(f, bound).release();
+}
+
+PyObject* function_repr(PyObject* self) {
+  auto* f = reinterpret_cast<FunctionObject*>(self);
+  return PyUnicode_FromFormat("<function %U at %p>", f->name, self);
+}
+
+PyObject* get_name(PyObject* self, void*) {
+  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->name).release();
+}
+PyObject* get_module(PyObject* self, void*) {
+  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->module_name).release();
+}
+PyObject* get_doc(PyObject* self, void*) {
+  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->doc).release();
+}
+PyObject* get_annotations(PyObject* self, void*) {
+  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->annotations).release();
+}
+PyObject* get_globals(PyObject* self, void*) {
+  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->globals).release();
+}
+
+// inspect.Signature with the annotation texts, built on first use.
+PyObject* get_signature(PyObject* self, void*) {
+  auto* f = reinterpret_cast<FunctionObject*>(self);
+  if (f->signature) return Ref::borrow(f->signature).release();
+  Ref inspect = Ref::steal(PyImport_ImportModule("inspect"));
+  if (!inspect) return nullptr;
+  Ref parameter = Ref::steal(PyObject_GetAttrString(inspect.get(), "Parameter"));
+  Ref signature_type = Ref::steal(PyObject_GetAttrString(inspect.get(), "Signature"));
+  if (!parameter || !signature_type) return nullptr;
+  Ref kind = Ref::steal(PyObject_GetAttrString(parameter.get(), "POSITIONAL_OR_KEYWORD"));
+  if (!kind) return nullptr;
+  Ref params = Ref::steal(PyList_New(0));
+  if (!params) return nullptr;
+  for (int i = 0; i < f->def->nparams; ++i) {
+    Ref param_name = Ref::steal(PyUnicode_FromString(f->def->params[i]));
+    Ref annotation = Ref::steal(PyUnicode_FromString(f->def->annotations[i]));
+    if (!param_name || !annotation) return nullptr;
+    Ref args = Ref::steal(PyTuple_Pack(2, param_name.get(), kind.get()));
+    Ref kwargs = Ref::steal(Py_BuildValue("{sO}", "annotation", annotation.get()));
+    if (!args || !kwargs) return nullptr;
+    Ref param = Ref::steal(PyObject_Call(parameter.get(), args.get(), kwargs.get()));
+    if (!param || PyList_Append(params.get(), param.get()) < 0) return nullptr;
+  }
+  Ref returns = Ref::steal(PyUnicode_FromString(f->def->returns));
+  if (!returns) return nullptr;
+  Ref args = Ref::steal(PyTuple_Pack(1, params.get()));
+  Ref kwargs = Ref::steal(Py_BuildValue("{sO}", "return_annotation", returns.get()));
+  if (!args || !kwargs) return nullptr;
+  Ref signature = Ref::steal(PyObject_Call(signature_type.get(), args.get(), kwargs.get()));
+  if (!signature) return nullptr;
+  if (!f->signature) f->signature = Ref(signature).release();
+  return signature.release();
+}
+
+PyGetSetDef function_getset[] = {
+    {"__name__", get_name, nullptr, nullptr, nullptr},
+    {"__qualname__", get_name, nullptr, nullptr, nullptr},
+    {"__module__", get_module, nullptr, nullptr, nullptr},
+    {"__doc__", get_doc, nullptr, nullptr, nullptr},
+    {"__annotations__", get_annotations, nullptr, nullptr, nullptr},
+    {"__globals__", get_globals, nullptr, nullptr, nullptr},
+    {"__signature__", get_signature, nullptr, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyMemberDef function_members[] = {
+    {"__vectorcalloffset__", T_PYSSIZET, offsetof(FunctionObject, vectorcall), READONLY, nullptr},
+    {"__weaklistoffset__", T_PYSSIZET, offsetof(FunctionObject, weakrefs), READONLY, nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+PyType_Slot function_slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(function_dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void*>(function_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(function_clear)},
+    {Py_tp_call, reinterpret_cast<void*>(PyVectorcall_Call)},
+    {Py_tp_repr, reinterpret_cast<void*>(function_repr)},
+    {Py_tp_getset, function_getset},
+    {Py_tp_members, function_members},
+    {Py_tp_doc, const_cast<char*>("A function of the registry_docs module.")},
+    {0, nullptr},
+};
+
+PyType_Spec function_spec = {
+    "registry_docs.function",
+    sizeof(FunctionObject),
+    0,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+        Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+    function_slots,
+};
+
+}  // namespace
+
+Ref make_function_type(PyObject* module) {
+  return Ref::steal(PyType_FromModuleAndSpec(module, &function_spec, nullptr));
+}
+
+Ref make_function(PyObject* type, PyObject* module, PyObject* marker, const FunctionDef& def) {
+  Ref name = Ref::steal(PyUnicode_InternFromString(def.name));
+  Ref module_name = Ref::steal(PyModule_GetNameObject(module));
+  Ref doc = Ref::steal(PyUnicode_FromString(def.doc));
+  Ref annotations = Ref::steal(PyDict_New());
+  if (!name || !module_name || !doc || !annotations) return Ref();
+  for (int i = 0; i < def.nparams; ++i) {
+    Ref text = Ref::steal(PyUnicode_FromString(def.annotations[i]));
+    if (!text || PyDict_SetItemString(annotations.get(), def.params[i], text.get()) < 0) {
+      return Ref();
+    }
+  }
+  Ref returns = Ref::steal(PyUnicode_FromString(def.returns));
+  if (!returns || PyDict_SetItemString(annotations.get(), "return", returns.get()) < 0) return Ref();
+
+  auto* f = PyObject_GC_New(FunctionObject, reinterpret_cast<PyTypeObject*>(type));
+  if (!f) return Ref();
+  f->vectorcall = function_vectorcall;
+  f->def = &def;
+  f->module = Ref::borrow(module).release();
+  f->globals = Ref::borrow(PyModule_GetDict(module)).release();
+  f->marker = Ref::borrow(marker).release();
+  f->name = name.release();
+  f->module_name = module_name.release();
+  f->doc = doc.release();
+  f->annotations = annotations.release();
+  f->signature = nullptr;
+  f->weakrefs = nullptr;
+  PyObject_GC_Track(reinterpret_cast<PyObject*>(f));
+  return Ref::steal(reinterpret_cast<PyObject*>(f));
+}
+
+const FunctionDef* native_def(PyObject* obj) {
+  if (Py_TYPE(obj)->tp_dealloc != function_dealloc) return nullptr;
+  return reinterpret_cast<FunctionObject*>(obj)->def;
+}
+
+Ref lookup(const Env& env, Id id) {
+  PyObject* key = name(id);
+  PyObject* found = nullptr;
+  int status = compat::dict_get_ref(env.globals, key, &found);
+  if (status > 0) return Ref::steal(found);
+  if (status < 0) return Ref();
+  PyObject* builtins = PyEval_GetBuiltins();
+  if (builtins) {
+    status = compat::dict_get_ref(builtins, key, &found);
+    if (status > 0) return Ref::steal(found);
+    if (status < 0) return Ref();
+  }
+  PyErr_Format(PyExc_NameError, "name '%U' is not defined", key);
+  return Ref();
+}
+
+Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args) {
+  if (Py_TYPE(callable)->tp_dealloc == function_dealloc) {
+    auto* f = reinterpret_cast<FunctionObject*>(callable);
+    if (static_cast<int>(args.size()) == f->def->nparams) return run_body(f, args.begin());
+  }
+  return call(callable, args);
+}
+
+Ref call_global(const Env& env, Id id, std::initializer_list<PyObject*> args) {
+  Ref callable = lookup(env, id);
+  if (!callable) return Ref();
+  return call_found(callable.get(), args);
+}
+
+}  // namespace registry_docs

@@ -1,0 +1,216 @@
+#include "listing.h"
+
+#include <vector>
+
+#include "registry_inputs.h"
+
+namespace registry_docs {
+
+namespace {
+
+// `tiers.index(tier)`: the position of a tier name, with tuple.index's own error.
+Ref tier_position(PyObject* tiers, PyObject* tier) {
+  if (!PyTuple_CheckExact(tiers)) return call_method(tiers, Id::index, {tier});
+  for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(tiers); ++i) {
+    int equal = PyObject_RichCompareBool(PyTuple_GET_ITEM(tiers, i), tier, Py_EQ);
+    if (equal < 0) return Ref();
+    if (equal) return Ref::steal(PyLong_FromSsize_t(i));
+  }
+  PyErr_SetString(PyExc_ValueError, "tuple.index(x): x not in tuple");
+  return Ref();
+}
+
+// A stable merge sort of positions that, like list.sort, compares only with "less than".
+// less(a, b) returns 1, 0, or -1 with an exception set.
+template <typename Less>
+bool stable_sort(std::vector<Py_ssize_t>& order, Less less) {
+  std::vector<Py_ssize_t> buffer(order.size());
+  size_t size = order.size();
+  for (size_t width = 1; width < size; width *= 2) {
+    for (size_t left = 0; left < size; left += 2 * width) {
+      size_t mid = std::min(left + width, size);
+      size_t right = std::min(left + 2 * width, size);
+      size_t i = left, j = mid, k = left;
+      while (i < mid && j < right) {
+        int take_right = less(order[j], order[i]);
+        if (take_right < 0) return false;
+        buffer[k++] = take_right ? order[j++] : order[i++];
+      }
+      while (i < mid) buffer[k++] = order[i++];
+      while (j < right) buffer[k++] = order[j++];
+    }
+    order.swap(buffer);
+  }
+  return true;
+}
+
+Ref ordered_tools_body(const Env& env, PyObject* const*) {
+  Ref registry = lookup(env, Id::TOOLS);
+  if (!registry) return Ref();
+  Ref tools = Ref::steal(PySequence_List(registry.get()));
+  if (!tools) return Ref();
+  Py_ssize_t count = PyList_GET_SIZE(tools.get());
+  std::vector<Ref> keys;
+  keys.reserve(static_cast<size_t>(count));
+  bool small_ints = true;
+  std::vector<long long> numbers;
+  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(tools.get()); ++i) {
+    Ref tool = Ref::borrow(PyList_GET_ITEM(tools.get(), i));
+    Ref tiers = lookup(env, Id::TIERS);
+    if (!tiers) return Ref();
+    Ref tier = getattr(tool.get(), Id::tier);
+    if (!tier) return Ref();
+    Ref key = tier_position(tiers.get(), tier.get());
+    if (!key) return Ref();
+    if (small_ints && PyLong_CheckExact(key.get())) {
+      int overflow = 0;
+      long long number = PyLong_AsLongLongAndOverflow(key.get(), &overflow);
+      if (overflow || (number == -1 && PyErr_Occurred())) {
+        PyErr_Clear();
+        small_ints = false;
+      } else {
+        numbers.push_back(number);
+      }
+    } else {
+      small_ints = false;
+    }
+    keys.push_back(std::move(key));
+  }
+  std::vector<Py_ssize_t> order(keys.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = static_cast<Py_ssize_t>(i);
+  bool sorted =
+      small_ints ? stable_sort(order, [&](Py_ssize_t a, Py_ssize_t b) { return numbers[a] < numbers[b] ? 1 : 0; })
+                 : stable_sort(order, [&](Py_ssize_t a, Py_ssize_t b) {
+                     return PyObject_RichCompareBool(keys[a].get(), keys[b].get(), Py_LT);
+                   });
+  if (!sorted) return Ref();
+  Ref result = Ref::steal(PyList_New(static_cast<Py_ssize_t>(order.size())));
+  if (!result) return Ref();
+  for (size_t i = 0; i < order.size(); ++i) {
+    PyObject* tool = PyList_GET_ITEM(tools.get(), order[i]);
+    Py_INCREF(tool);
+    PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i), tool);
+  }
+  return result;
+}
+
+Ref tier_tools_body(const Env& env, PyObject* const* args) {
+  PyObject* wanted = args[0];
+  Ref tools = iter_tools(env);
+  if (!tools) return Ref();
+  Ref result = Ref::steal(PyList_New(0));
+  if (!result) return Ref();
+  while (Ref tool = Ref::steal(PyIter_Next(tools.get()))) {
+    Ref tier = getattr(tool.get(), Id::tier);
+    if (!tier) return Ref();
+    Ref equal = Ref::steal(PyObject_RichCompare(tier.get(), wanted, Py_EQ));
+    if (!equal) return Ref();
+    int truth = PyObject_IsTrue(equal.get());
+    if (truth < 0) return Ref();
+    if (truth && PyList_Append(result.get(), tool.get()) < 0) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return result;
+}
+
+Ref tier_counts_body(const Env& env, PyObject* const*) {
+  Ref tiers = lookup(env, Id::TIERS);
+  if (!tiers) return Ref();
+  Ref iterator = Ref::steal(PyObject_GetIter(tiers.get()));
+  if (!iterator) return Ref();
+  Ref pieces = Ref::steal(PyList_New(0));
+  if (!pieces) return Ref();
+  while (Ref tier = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref tools = call_global(env, Id::tier_tools, {tier.get()});
+    if (!tools) return Ref();
+    Py_ssize_t count = PyObject_Size(tools.get());
+    if (count < 0) return Ref();
+    Ref number = ssize_text(count);
+    Ref tier_text = format_text(tier.get());
+    if (!number || !tier_text) return Ref();
+    TextWriter out;
+    if (!out.str(number.get()) || !out.lit(" ") || !out.str(tier_text.get())) return Ref();
+    Ref piece = out.finish();
+    if (!piece || PyList_Append(pieces.get(), piece.get()) < 0) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return join(Id::and_sep, pieces.get());
+}
+
+Ref actions_cell_body(const Env& env, PyObject* const* args) {
+  Ref names = getattr(args[0], Id::action_names);
+  if (!names) return Ref();
+  int any = PyObject_IsTrue(names.get());
+  if (any < 0) return Ref();
+  if (!any) return Ref::borrow(args[1]);
+  Ref iterator = Ref::steal(PyObject_GetIter(names.get()));
+  if (!iterator) return Ref();
+  Ref spans = Ref::steal(PyList_New(0));
+  if (!spans) return Ref();
+  while (Ref action = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref span = call_global(env, Id::code, {action.get()});
+    if (!span || PyList_Append(spans.get(), span.get()) < 0) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return join(Id::comma, spans.get());
+}
+
+Ref cli_usage_body(const Env& env, PyObject* const* args) {
+  PyObject* tool = args[0];
+  Ref words = Ref::steal(PyList_New(0));
+  Ref program = Ref::steal(PyUnicode_FromString("quenor-dorvan query"));
+  if (!words || !program || PyList_Append(words.get(), program.get()) < 0) return Ref();
+  Ref tool_name = getattr(tool, Id::name);
+  if (!tool_name) return Ref();
+  Ref command = call_global(env, Id::snake_to_kebab, {tool_name.get()});
+  if (!command || PyList_Append(words.get(), command.get()) < 0) return Ref();
+  Ref params = getattr(tool, Id::all_params);
+  if (!params) return Ref();
+  Ref iterator = Ref::steal(PyObject_GetIter(params.get()));
+  if (!iterator) return Ref();
+  while (Ref param = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref required = getattr(param.get(), Id::required);
+    if (!required) return Ref();
+    int truth = PyObject_IsTrue(required.get());
+    if (truth < 0) return Ref();
+    if (!truth) continue;
+    Ref param_name = getattr(param.get(), Id::name);
+    if (!param_name) return Ref();
+    Ref option = call_global(env, Id::snake_to_kebab, {param_name.get()});
+    if (!option) return Ref();
+    Ref option_text = format_text(option.get());
+    if (!option_text) return Ref();
+    param_name = getattr(param.get(), Id::name);
+    if (!param_name) return Ref();
+    Ref placeholder = format_text(param_name.get());
+    if (!placeholder) return Ref();
+    TextWriter out;
+    if (!out.lit("--") || !out.str(option_text.get()) || !out.lit(" <") ||
+        !out.str(placeholder.get()) || !out.lit(">")) {
+      return Ref();
+    }
+    Ref word = out.finish();
+    if (!word || PyList_Append(words.get(), word.get()) < 0) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return join(Id::space, words.get());
+}
+
+}  // namespace
+
+const FunctionDef kOrderedTools = {
+    "ordered_tools", "The tools in the order the docs list them: by tier, then in registry order.",
+    0, {}, {}, "list[ToolSpec]", ordered_tools_body};
+const FunctionDef kTierTools = {"_tier_tools", "The tools of one tier, in registry order.", 1,
+                                {"tier"}, {"ToolTier"}, "list[ToolSpec]", tier_tools_body};
+const FunctionDef kActionsCell = {
+    "_actions_cell", "A tool's actions as code spans, or the placeholder for a tool without actions.",
+    2, {"tool", "placeholder"}, {"ToolSpec", "str"}, "str", actions_cell_body};
+const FunctionDef kTierCounts = {
+    "_tier_counts", "How many tools each tier has, such as ``8 core and 6 extended``.", 0, {}, {},
+    "str", tier_counts_body};
+const FunctionDef kCliUsage = {
+    "cli_usage", "The shortest command line that runs the tool: its required parameters, as placeholders.",
+    1, {"tool"}, {"ToolSpec"}, "str", cli_usage_body};
+
+}  // namespace registry_docs

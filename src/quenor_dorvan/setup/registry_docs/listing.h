@@ -1,0 +1,20 @@
+// Tool listing: the order tools are listed in, tier groups and counts, action cells, and the
+// shortest command line of a tool.
+#pragma once
+#include "function.h"
+
+namespace registry_docs {
+
+extern const FunctionDef kOrderedTools;
+extern const FunctionDef kTierTools;
+extern const FunctionDef kActionsCell;
+extern const FunctionDef kTierCounts;
+extern const FunctionDef kCliUsage;
+
+// `format(value)` as an f-string replacement field without a spec writes it.
+inline Ref format_text(PyObject* value) { return Ref::steal(PyObject_Format(value, nullptr)); }
+
+// `tier.capitalize()`, as the tier cells and tier lists write a tier name.
+inline Ref capitalized(PyObject* tier) { return call_method(tier, Id::capitalize, {}); }
+
+}  // namespace registry_docs

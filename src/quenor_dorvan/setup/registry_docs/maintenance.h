@@ -1,0 +1,39 @@
+// Generated-file maintenance: the marker scanner, the GeneratedFile record, the catalogue, the
+// file renderer, the staleness check and the writer.
+#pragma once
+#include <vector>
+
+#include "function.h"
+
+namespace registry_docs {
+
+extern const FunctionDef kParamsRenderer;
+extern const FunctionDef kGeneratedFiles;
+extern const FunctionDef kBlockNames;
+extern const FunctionDef kRenderFile;
+extern const FunctionDef kRead;
+extern const FunctionDef kStaleBlocks;
+extern const FunctionDef kBlocks;
+extern const FunctionDef kWriteBlocks;
+
+// The compiled block-marker pattern, as the module binds it to `_MARKER`.
+Ref compile_marker(PyObject* module);
+
+// Builds the frozen data class `GeneratedFile` through the module's `dataclass`.
+Ref build_generated_file(PyObject* module);
+
+// One marked block found in a text: positions of its pieces, in code points.
+struct MarkedBlock {
+  Py_ssize_t open_start;  // "<!-- registry:"
+  Py_ssize_t name_start, name_end;
+  Py_ssize_t body_start;  // after the open marker's line feed
+  Py_ssize_t close_start;
+  Py_ssize_t close_end;
+};
+
+// The blocks of a str, found as `_MARKER.finditer` finds them, in one linear pass. When the
+// module's `_MARKER` was rebound, the found object's own methods give the matches instead (see
+// for_each_match).
+bool scan_blocks(PyObject* text, std::vector<MarkedBlock>& blocks);
+
+}  // namespace registry_docs

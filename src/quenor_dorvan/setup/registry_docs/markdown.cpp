@@ -1,0 +1,407 @@
+#include "markdown.h"
+
+namespace registry_docs {
+
+namespace {
+
+template <typename Char>
+bool cell_changes(const Char* data, Py_ssize_t size) {
+  if (size == 0) return false;
+  if (Py_UNICODE_ISSPACE(data[0]) || Py_UNICODE_ISSPACE(data[size - 1])) return true;
+  for (Py_ssize_t i = 0; i < size; ++i) {
+    Py_UCS4 c = data[i];
+    if (c == '|') return true;
+    if (c == ' ') {
+      if (Py_UNICODE_ISSPACE(data[i + 1])) return true;
+    } else if (Py_UNICODE_ISSPACE(c)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+template <typename Char>
+bool write_cell(TextWriter& out, PyObject* text, const Char* data, Py_ssize_t size) {
+  Py_ssize_t i = 0;
+  bool first = true;
+  while (true) {
+    while (i < size && Py_UNICODE_ISSPACE(data[i])) ++i;
+    if (i == size) return true;
+    if (!first && !out.lit(" ")) return false;
+    first = false;
+    Py_ssize_t start = i;
+    for (; i < size && !Py_UNICODE_ISSPACE(data[i]); ++i) {
+      if (data[i] == '|') {
+        if (!out.substring(text, start, i) || !out.lit("\\|")) return false;
+        start = i + 1;
+      }
+    }
+    if (!out.substring(text, start, i)) return false;
+  }
+}
+
+template <typename Char>
+Ref cell_of_kind(PyObject* text, const Char* data, Py_ssize_t size) {
+  if (!cell_changes(data, size)) {
+    if (size == 0 && !PyUnicode_CheckExact(text)) return Ref::borrow(name(Id::empty));
+    return Ref::borrow(text);
+  }
+  TextWriter out;
+  if (!write_cell(out, text, data, size)) return Ref();
+  return out.finish();
+}
+
+Ref code_body(const Env&, PyObject* const* args) {
+  Ref text = Ref::steal(PyObject_Format(args[0], nullptr));
+  if (!text) return Ref();
+  TextWriter out;
+  if (!out.lit("`") || !out.str(text.get()) || !out.lit("`")) return Ref();
+  return out.finish();
+}
+
+Ref cell_body(const Env&, PyObject* const* args) {
+  PyObject* text = args[0];
+  if (PyUnicode_CheckExact(text)) return cell_text(text);
+  // Anything else takes the path the operations themselves define (an override, or the error a
+  // non-str raises).
+  Ref words = call_method(text, Id::split, {});
+  if (!words) return Ref();
+  Ref joined = join(Id::space, words.get());
+  if (!joined) return Ref();
+  return Ref::steal(PyUnicode_Replace(joined.get(), name(Id::bar), name(Id::escaped_bar), -1));
+}
+
+Ref row_body(const Env&, PyObject* const* args) {
+  Ref joined = join(Id::bar_sep, args[0]);
+  if (!joined) return Ref();
+  TextWriter out;
+  if (!out.lit("| ") || !out.str(joined.get()) || !out.lit(" |")) return Ref();
+  return out.finish();
+}
+
+// The rule under a header: one "---" for each title, read by iterating the header again.
+Ref rule_cells(PyObject* header) {
+  Ref iterator = Ref::steal(PyObject_GetIter(header));
+  if (!iterator) return Ref();
+  Ref rule = Ref::steal(PyList_New(0));
+  if (!rule) return Ref();
+  while (Ref title = Ref::steal(PyIter_Next(iterator.get()))) {
+    if (PyList_Append(rule.get(), name(Id::rule)) < 0) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return rule;
+}
+
+Ref table_body(const Env& env, PyObject* const* args) {
+  PyObject* header = args[0];
+  Ref lines = Ref::steal(PyList_New(0));
+  if (!lines) return Ref();
+  auto append_row = [&](PyObject* cells) {
+    Ref line = call_global(env, Id::row, {cells});
+    return line && PyList_Append(lines.get(), line.get()) == 0;
+  };
+  if (!append_row(header)) return Ref();
+  Ref rule = rule_cells(header);
+  if (!rule || !append_row(rule.get())) return Ref();
+  Ref iterator = Ref::steal(PyObject_GetIter(args[1]));
+  if (!iterator) return Ref();
+  while (Ref cells = Ref::steal(PyIter_Next(iterator.get()))) {
+    if (!append_row(cells.get())) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return lines;
+}
+
+Ref value_body(const Env& env, PyObject* const* args) {
+  PyObject* value = args[0];
+  if (PyBool_Check(value)) {
+    return Ref::steal(PyUnicode_FromString(value == Py_True ? "true" : "false"));
+  }
+  if (PyList_Check(value) || PyTuple_Check(value)) {
+    Ref iterator = Ref::steal(PyObject_GetIter(value));
+    if (!iterator) return Ref();
+    Ref parts = Ref::steal(PyList_New(0));
+    if (!parts) return Ref();
+    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+      Ref text = call_global(env, Id::value, {item.get()});
+      if (!text || PyList_Append(parts.get(), text.get()) < 0) return Ref();
+    }
+    if (PyErr_Occurred()) return Ref();
+    return join(Id::comma, parts.get());
+  }
+  return Ref::steal(PyObject_Str(value));
+}
+
+// The lazy rows a replaced `_table` or `_row` reads: each row's cells are computed as it reads them.
+struct RowsObject {
+  PyObject_HEAD
+  RowSource* source;
+  PyObject* module;
+};
+
+struct RowObject {
+  PyObject_HEAD
+  PyObject* rows;  // the RowsObject that owns the source
+  PyObject* state;
+  int column;
+};
+
+PyTypeObject* g_rows_type = nullptr;
+PyTypeObject* g_row_type = nullptr;
+
+Env env_of_module(PyObject* module) { return Env{module, PyModule_GetDict(module), nullptr}; }
+
+int rows_traverse(PyObject* self, visitproc visit, void* arg) {
+  auto* rows = reinterpret_cast<RowsObject*>(self);
+  Py_VISIT(Py_TYPE(self));
+  Py_VISIT(rows->module);
+  return rows->source ? rows->source->traverse(visit, arg) : 0;
+}
+
+int rows_clear(PyObject* self) {
+  auto* rows = reinterpret_cast<RowsObject*>(self);
+  delete std::exchange(rows->source, nullptr);
+  Py_CLEAR(rows->module);
+  return 0;
+}
+
+void rows_dealloc(PyObject* self) {
+  PyTypeObject* type = Py_TYPE(self);
+  PyObject_GC_UnTrack(self);
+  rows_clear(self);
+  PyObject_GC_Del(self);
+  Py_DECREF(type);
+}
+
+PyObject* rows_next(PyObject* self) {
+  auto* rows = reinterpret_cast<RowsObject*>(self);
+  if (!rows->source) return nullptr;
+  Ref state;
+  // The source may run host code; keep it alive while it does.
+  Ref keep = Ref::borrow(self);
+  if (!rows->source->next_row(env_of_module(rows->module), state)) return nullptr;
+  auto* row = PyObject_GC_New(RowObject, g_row_type);
+  if (!row) return nullptr;
+  row->rows = Ref::borrow(self).release();
+  row->state = state.release();
+  row->column = 0;
+  PyObject_GC_Track(reinterpret_cast<PyObject*>(row));
+  return reinterpret_cast<PyObject*>(row);
+}
+
+int row_traverse(PyObject* self, visitproc visit, void* arg) {
+  auto* row = reinterpret_cast<RowObject*>(self);
+  Py_VISIT(Py_TYPE(self));
+  Py_VISIT(row->rows);
+  Py_VISIT(row->state);
+  return 0;
+}
+
+int row_clear(PyObject* self) {
+  auto* row = reinterpret_cast<RowObject*>(self);
+  Py_CLEAR(row->rows);
+  Py_CLEAR(row->state);
+  return 0;
+}
+
+void row_dealloc(PyObject* self) {
+  PyTypeObject* type = Py_TYPE(self);
+  PyObject_GC_UnTrack(self);
+  row_clear(self);
+  PyObject_GC_Del(self);
+  Py_DECREF(type);
+}
+
+PyObject* row_next(PyObject* self) {
+  auto* row = reinterpret_cast<RowObject*>(self);
+  if (!row->rows) return nullptr;
+  Ref rows = Ref::borrow(row->rows);
+  Ref state = Ref::borrow(row->state);
+  auto* owner = reinterpret_cast<RowsObject*>(rows.get());
+  if (!owner->source || row->column >= owner->source->columns()) return nullptr;
+  int column = row->column++;
+  return owner->source->cell(env_of_module(owner->module), state.get(), column).release();
+}
+
+PyType_Slot rows_slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(rows_dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void*>(rows_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(rows_clear)},
+    {Py_tp_iter, reinterpret_cast<void*>(PyObject_SelfIter)},
+    {Py_tp_iternext, reinterpret_cast<void*>(rows_next)},
+    {0, nullptr},
+};
+
+PyType_Slot row_slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(row_dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void*>(row_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(row_clear)},
+    {Py_tp_iter, reinterpret_cast<void*>(PyObject_SelfIter)},
+    {Py_tp_iternext, reinterpret_cast<void*>(row_next)},
+    {0, nullptr},
+};
+
+constexpr unsigned kIteratorFlags =
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE |
+    Py_TPFLAGS_DISALLOW_INSTANTIATION;
+PyType_Spec rows_spec = {"registry_docs.table_rows", sizeof(RowsObject), 0, kIteratorFlags,
+                         rows_slots};
+PyType_Spec row_spec = {"registry_docs.table_row", sizeof(RowObject), 0, kIteratorFlags,
+                        row_slots};
+
+Ref make_rows(const Env& env, std::unique_ptr<RowSource> source) {
+  if (!g_rows_type) {
+    g_rows_type = reinterpret_cast<PyTypeObject*>(PyType_FromSpec(&rows_spec));
+    if (!g_rows_type) return Ref();
+  }
+  if (!g_row_type) {
+    g_row_type = reinterpret_cast<PyTypeObject*>(PyType_FromSpec(&row_spec));
+    if (!g_row_type) return Ref();
+  }
+  auto* rows = PyObject_GC_New(RowsObject, g_rows_type);
+  if (!rows) return Ref();
+  rows->source = source.release();
+  rows->module = Ref::borrow(env.module).release();
+  PyObject_GC_Track(reinterpret_cast<PyObject*>(rows));
+  return Ref::steal(reinterpret_cast<PyObject*>(rows));
+}
+
+// One row written by our own `_row`: every cell computed, in order, then checked and joined.
+Ref native_row_line(const Env& env, RowSource& source, PyObject* state) {
+  int columns = source.columns();
+  Ref cells[8];
+  for (int i = 0; i < columns; ++i) {
+    cells[i] = source.cell(env, state, i);
+    if (!cells[i]) return Ref();
+  }
+  for (int i = 0; i < columns; ++i) {
+    if (!PyUnicode_Check(cells[i].get())) {
+      join_type_error(i, cells[i].get());
+      return Ref();
+    }
+  }
+  TextWriter out;
+  if (!out.lit("| ")) return Ref();
+  for (int i = 0; i < columns; ++i) {
+    if (i > 0 && !out.lit(" | ")) return Ref();
+    if (!out.str(cells[i].get())) return Ref();
+  }
+  if (!out.lit(" |")) return Ref();
+  return out.finish();
+}
+
+}  // namespace
+
+Ref cell_text(PyObject* text) {
+  if (PyUnicode_READY(text) < 0) return Ref();
+  Py_ssize_t size = PyUnicode_GET_LENGTH(text);
+  switch (PyUnicode_KIND(text)) {
+    case PyUnicode_1BYTE_KIND:
+      return cell_of_kind(text, PyUnicode_1BYTE_DATA(text), size);
+    case PyUnicode_2BYTE_KIND:
+      return cell_of_kind(text, PyUnicode_2BYTE_DATA(text), size);
+    default:
+      return cell_of_kind(text, PyUnicode_4BYTE_DATA(text), size);
+  }
+}
+
+Ref strip_text(PyObject* text) {
+  if (!PyUnicode_CheckExact(text)) return call_method(text, Id::strip, {});
+  Py_ssize_t size = PyUnicode_GET_LENGTH(text);
+  Py_ssize_t start = 0;
+  Py_ssize_t end = size;
+  while (start < end && Py_UNICODE_ISSPACE(PyUnicode_READ_CHAR(text, start))) ++start;
+  while (end > start && Py_UNICODE_ISSPACE(PyUnicode_READ_CHAR(text, end - 1))) --end;
+  if (start == 0 && end == size) return Ref::borrow(text);
+  return Ref::steal(PyUnicode_Substring(text, start, end));
+}
+
+bool LineJoiner::line(PyObject* text) {
+  Py_ssize_t index = count_++;
+  if (bad_index_ >= 0) return true;
+  if (!PyUnicode_Check(text)) {
+    bad_index_ = index;
+    bad_item_ = Ref::borrow(text);
+    return true;
+  }
+  if (index > 0 && !writer_.lit("\n")) return false;
+  return writer_.str(text);
+}
+
+bool LineJoiner::lines(PyObject* iterable) {
+  Ref iterator = Ref::steal(PyObject_GetIter(iterable));
+  if (!iterator) {
+    if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(iterable)->tp_iter == nullptr &&
+        !PySequence_Check(iterable)) {
+      PyErr_Clear();
+      PyErr_Format(PyExc_TypeError, "Value after * must be an iterable, not %.200s",
+                   Py_TYPE(iterable)->tp_name);
+    }
+    return false;
+  }
+  while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+    if (!line(item.get())) return false;
+  }
+  return !PyErr_Occurred();
+}
+
+Ref LineJoiner::finish() {
+  if (bad_index_ >= 0) {
+    join_type_error(bad_index_, bad_item_.get());
+    return Ref();
+  }
+  return writer_.finish();
+}
+
+bool write_table(const Env& env, LineJoiner& out, PyObject* header,
+                 std::unique_ptr<RowSource> rows) {
+  Ref table = lookup(env, Id::table);
+  if (!table) return false;
+  if (!is_native(table.get(), kTable)) {
+    Ref lazy = make_rows(env, std::move(rows));
+    if (!lazy) return false;
+    Ref lines = call_found(table.get(), {header, lazy.get()});
+    return lines && out.lines(lines.get());
+  }
+  // Our own `_table`: the header row and the rule, then each row through `_row` as bound now.
+  Ref line = call_global(env, Id::row, {header});
+  if (!line || !out.line(line.get())) return false;
+  Ref rule = rule_cells(header);
+  if (!rule) return false;
+  line = call_global(env, Id::row, {rule.get()});
+  if (!line || !out.line(line.get())) return false;
+  Ref lazy;  // made only if a replaced `_row` needs row objects
+  while (true) {
+    Ref row_fn = lookup(env, Id::row);
+    if (!row_fn) return false;
+    if (is_native(row_fn.get(), kRow) && !lazy) {
+      Ref state;
+      if (!rows->next_row(env, state)) return !PyErr_Occurred();
+      line = native_row_line(env, *rows, state.get());
+    } else {
+      if (!lazy) {
+        lazy = make_rows(env, std::move(rows));
+        if (!lazy) return false;
+      }
+      Ref row = Ref::steal(PyIter_Next(lazy.get()));
+      if (!row) return !PyErr_Occurred();
+      line = call_found(row_fn.get(), {row.get()});
+    }
+    if (!line || !out.line(line.get())) return false;
+  }
+}
+
+const FunctionDef kCode = {"_code", "Text as a Markdown code span.", 1, {"text"}, {"str"}, "str",
+                           code_body};
+const FunctionDef kCell = {"_cell", "Text made safe for one cell of a Markdown table.", 1, {"text"},
+                           {"str"}, "str", cell_body};
+const FunctionDef kRow = {"_row", "One row of a Markdown table.", 1, {"cells"},
+                          {"Iterable[str]"}, "str", row_body};
+const FunctionDef kTable = {"_table", "A Markdown table: the header, its rule and the rows.", 2,
+                            {"header", "rows"}, {"tuple[str, ...]", "Iterable[Iterable[str]]"},
+                            "list[str]", table_body};
+const FunctionDef kValue = {
+    "_value", "A default or a bound as a reader writes it (JSON spelling for booleans).", 1,
+    {"value"}, {"Any"}, "str", value_body};
+
+}  // namespace registry_docs

@@ -1,0 +1,55 @@
+// Markdown primitives: code spans, table cells, rows, tables and the spelling of values.
+#pragma once
+#include <memory>
+
+#include "function.h"
+
+namespace registry_docs {
+
+extern const FunctionDef kCode;
+extern const FunctionDef kCell;
+extern const FunctionDef kRow;
+extern const FunctionDef kTable;
+extern const FunctionDef kValue;
+
+// Text as `_cell` makes it, for a str: whitespace runs collapsed, ends trimmed, bars escaped.
+Ref cell_text(PyObject* text);
+// A str with the whitespace that `str.strip()` removes taken off both ends.
+Ref strip_text(PyObject* text);
+
+// A table's rows as a renderer supplies them: computed one by one, each row's cells in order, as
+// they are read.
+class RowSource {
+ public:
+  virtual ~RowSource() = default;
+  // Moves to the next row; false at the end, or with an exception set.
+  virtual bool next_row(const Env& env, Ref& row_state) = 0;
+  // Number of cells in a row.
+  virtual int columns() const = 0;
+  // Computes cell `column` of the row whose state next_row gave.
+  virtual Ref cell(const Env& env, PyObject* row_state, int column) = 0;
+  // Objects the source keeps, for the garbage collector of a lazy iterator that holds it.
+  virtual int traverse(visitproc visit, void* arg) = 0;
+};
+
+// Lines joined with "\n", with `str.join`'s error for an item that is not a str (reported, as
+// join reports it, only once every line has been produced).
+class LineJoiner {
+ public:
+  bool line(PyObject* text);
+  bool lines(PyObject* iterable);  // every item of an iterable, as `*iterable` spreads it
+  Ref finish();
+
+ private:
+  TextWriter writer_;
+  Py_ssize_t count_ = 0;
+  Ref bad_item_;
+  Py_ssize_t bad_index_ = -1;
+};
+
+// Appends the table of `header` and the rows to `out`, through the module's `_table` as it is
+// bound now: our own builds the lines natively, a replacement gets a lazy iterator of lazy rows.
+bool write_table(const Env& env, LineJoiner& out, PyObject* header,
+                 std::unique_ptr<RowSource> rows);
+
+}  // namespace registry_docs
