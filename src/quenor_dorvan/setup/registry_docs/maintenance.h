@@ -1,6 +1,7 @@
 // Generated-file maintenance: the marker scanner, the GeneratedFile record, the catalogue, the
 // file renderer, the staleness check and the writer.
 #pragma once
+#include <functional>
 #include <vector>
 
 #include "function.h"
@@ -35,5 +36,18 @@ struct MarkedBlock {
 // module's `_MARKER` was rebound, the found object's own methods give the matches instead (see
 // for_each_match).
 bool scan_blocks(PyObject* text, std::vector<MarkedBlock>& blocks);
+
+// One block as a replacement sees it: its name (a str).
+struct BlockMatch {
+  PyObject* name;
+};
+// What replaces a block's body: a str, or null with an exception set.
+using BlockRenderer = std::function<Ref(const BlockMatch&)>;
+
+// The text with every block found through the module's `_MARKER` (as bound now) replaced, left to
+// right, by its open marker, the renderer's text, "\n" and its close marker; the renderer's text
+// is inserted literally. Natively when `_MARKER` is the module's own pattern, otherwise through
+// the bound object's `sub`. A renderer result that is not a str raises the TypeError of `str + x`.
+Ref replace_blocks(const Env& env, PyObject* text, const BlockRenderer& render);
 
 }  // namespace registry_docs

@@ -164,7 +164,13 @@ class TextWriter {
   X(dunder_file, "__file__")                                           \
   X(dunder_spec, "__spec__")                                           \
   X(dunder_import, "__import__")                                       \
-  X(initializing, "_initializing")
+  X(initializing, "_initializing")                                     \
+  X(endswith, "endswith")                                              \
+  X(dot, ".")                                                          \
+  X(yes, "Yes")                                                        \
+  X(no, "No")                                                          \
+  X(all, "all")                                                        \
+  X(one_call, "*(one call)*")
 
 enum class Id {
 #define REGISTRY_DOCS_ENUM(id, text) id,
