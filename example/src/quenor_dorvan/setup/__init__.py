@@ -1,0 +1,1 @@
+"""Setup commands: `init` and the texts it installs for agents."""

@@ -1,0 +1,1 @@
+"""Background workers that feed the index."""
