@@ -2,6 +2,7 @@
 PYTHON ?= /root/.pyenv/versions/3.10.13/bin/python3.10
 BUILD ?= build
 CMAKE_FLAGS ?=
+MAKEFLAGS += --no-print-directory
 
 .PHONY: build demo test clean
 
@@ -12,7 +13,7 @@ build:
 # The maintenance job on a copy of the example host: rewrite the stale blocks, check that all is
 # current, then show what changed. The repository's own example stays as it is.
 demo: build
-	@work=$$(mktemp -d) && cp -r example "$$work/example" && \
+	@work=$$(mktemp -d) && cp -rL example "$$work/example" && \
 	echo "== gen_registry_docs.py --check (before)" && \
 	{ PYTHONPATH=$(BUILD)/host $(PYTHON) example/scripts/gen_registry_docs.py --root "$$work/example" --check; \
 	  echo "exit status $$?"; } && \
