@@ -29,4 +29,22 @@ inline int dict_get_ref(PyObject* dict, PyObject* key, PyObject** result) {
 #endif
 }
 
+// Takes the exception being raised out of the thread state, normalized; null when none is.
+inline PyObject* take_exception() {
+#if PY_VERSION_HEX >= 0x030C0000
+  return PyErr_GetRaisedException();
+#else
+  PyObject* type = nullptr;
+  PyObject* value = nullptr;
+  PyObject* traceback = nullptr;
+  PyErr_Fetch(&type, &value, &traceback);
+  if (!type) return nullptr;
+  PyErr_NormalizeException(&type, &value, &traceback);
+  if (value && traceback) PyException_SetTraceback(value, traceback);
+  Py_XDECREF(type);
+  Py_XDECREF(traceback);
+  return value;
+#endif
+}
+
 }  // namespace registry_docs::compat

@@ -2,6 +2,10 @@
 
 #include <structmember.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
 #include "compat.h"
 
 namespace registry_docs {
@@ -9,8 +13,7 @@ namespace registry_docs {
 namespace {
 
 struct FunctionObject {
-  PyObject_HEAD
-  vectorcallfunc vectorcall;
+  PyObject_HEAD vectorcallfunc vectorcall;
   const FunctionDef* def;
   PyObject* module;
   PyObject* globals;
@@ -57,13 +60,96 @@ void function_dealloc(PyObject* self) {
   Py_DECREF(type);
 }
 
-inline Env env_of(const FunctionObject* f) { return Env{f->module, f->globals, f->marker}; }
+inline Env env_of(const FunctionObject* f) {
+  return Env{f->module, f->globals, f->marker};
+}
 
 Ref run_body(const FunctionObject* f, PyObject* const* args) {
   if (Py_EnterRecursiveCall(" while calling a Python object")) return Ref();
   Ref result = f->def->body(env_of(f), args);
   Py_LeaveRecursiveCall();
   return result;
+}
+
+#if PY_VERSION_HEX >= 0x030D0000
+// The interpreter's edit distance between two UTF-8 names: a case flip costs 1, any other edit 2;
+// max_cost + 1 as soon as the distance is sure to exceed max_cost.
+size_t edit_distance(const char* a, size_t a_size, const char* b, size_t b_size, size_t max_cost) {
+  constexpr size_t kMove = 2, kCase = 1, kLongest = 40;
+  while (a_size && b_size && a[0] == b[0]) ++a, ++b, --a_size, --b_size;
+  while (a_size && b_size && a[a_size - 1] == b[b_size - 1]) --a_size, --b_size;
+  if (a_size == 0 || b_size == 0) return (a_size + b_size) * kMove;
+  if (a_size > kLongest || b_size > kLongest) return max_cost + 1;
+  if (b_size < a_size) std::swap(a, b), std::swap(a_size, b_size);
+  if ((b_size - a_size) * kMove > max_cost) return max_cost + 1;
+  auto substitution = [](char x, char y) -> size_t {
+    if ((x & 31) != (y & 31)) return kMove;
+    if (x == y) return 0;
+    if ('A' <= x && x <= 'Z') x = static_cast<char>(x + ('a' - 'A'));
+    if ('A' <= y && y <= 'Z') y = static_cast<char>(y + ('a' - 'A'));
+    return x == y ? kCase : kMove;
+  };
+  size_t row[kLongest];
+  for (size_t i = 0; i < a_size; ++i) row[i] = (i + 1) * kMove;
+  size_t result = 0;
+  for (size_t j = 0; j < b_size; ++j) {
+    size_t distance = result = j * kMove;
+    size_t minimum = SIZE_MAX;
+    for (size_t i = 0; i < a_size; ++i) {
+      size_t substitute = distance + substitution(b[j], a[i]);
+      distance = row[i];
+      result = std::min(std::min(result, distance) + kMove, substitute);
+      row[i] = result;
+      minimum = std::min(minimum, result);
+    }
+    if (minimum > max_cost) return max_cost + 1;
+  }
+  return result;
+}
+
+// The parameter the interpreter suggests for a misspelt keyword, or null.
+const char* suggested_param(const FunctionDef& def, PyObject* key) {
+  Py_ssize_t key_size = 0;
+  const char* key_text = PyUnicode_AsUTF8AndSize(key, &key_size);
+  if (!key_text) {
+    PyErr_Clear();
+    return nullptr;
+  }
+  const char* best = nullptr;
+  size_t best_distance = SIZE_MAX;
+  for (int i = 0; i < def.nparams; ++i) {
+    const char* param = def.params[i];
+    size_t param_size = strlen(param);
+    if (static_cast<size_t>(key_size) == param_size && memcmp(key_text, param, param_size) == 0) {
+      continue;
+    }
+    size_t max_distance = (static_cast<size_t>(key_size) + param_size + 3) * 2 / 6;
+    if (best) max_distance = std::min(max_distance, best_distance - 1);
+    size_t distance =
+        edit_distance(key_text, static_cast<size_t>(key_size), param, param_size, max_distance);
+    if (distance > max_distance) continue;
+    if (!best || distance < best_distance) {
+      best = param;
+      best_distance = distance;
+    }
+  }
+  return best;
+}
+#endif
+
+// The error for a keyword that names no parameter; from 3.13 the interpreter suggests a close one.
+void unexpected_keyword(PyObject* function_name, const FunctionDef& def, PyObject* key) {
+#if PY_VERSION_HEX >= 0x030D0000
+  if (const char* suggestion = suggested_param(def, key)) {
+    PyErr_Format(PyExc_TypeError,
+                 "%U() got an unexpected keyword argument '%S'. Did you mean '%s'?", function_name,
+                 key, suggestion);
+    return;
+  }
+#else
+  (void)def;
+#endif
+  PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", function_name, key);
 }
 
 // Binds positional and keyword arguments the way CPython binds a plain def with no defaults,
@@ -87,7 +173,7 @@ bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t n
       }
     }
     if (slot < 0) {
-      PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", f->name, key);
+      unexpected_keyword(f->name, def, key);
       return false;
     }
     if (bound[slot]) {
@@ -184,6 +270,22 @@ PyObject* get_signature(PyObject* self, void*) {
   return signature.release();
 }
 
+// Bound to an instance when read through a class, as a def is.
+PyObject* function_descr_get(PyObject* self, PyObject* obj, PyObject*) {
+  if (!obj || obj == Py_None) return Ref::borrow(self).release();
+  return PyMethod_New(self, obj);
+}
+
+// Pickled, copied and deep-copied by reference to the module attribute, as a def is.
+PyObject* function_reduce(PyObject* self, PyObject*) {
+  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->name).release();
+}
+
+PyMethodDef function_methods[] = {
+    {"__reduce__", function_reduce, METH_NOARGS, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
 PyGetSetDef function_getset[] = {
     {"__name__", get_name, nullptr, nullptr, nullptr},
     {"__qualname__", get_name, nullptr, nullptr, nullptr},
@@ -209,7 +311,8 @@ PyType_Slot function_slots[] = {
     {Py_tp_repr, reinterpret_cast<void*>(function_repr)},
     {Py_tp_getset, function_getset},
     {Py_tp_members, function_members},
-    {Py_tp_doc, const_cast<char*>("A function of the registry_docs module.")},
+    {Py_tp_descr_get, reinterpret_cast<void*>(function_descr_get)},
+    {Py_tp_methods, function_methods},
     {0, nullptr},
 };
 
@@ -241,7 +344,8 @@ Ref make_function(PyObject* type, PyObject* module, PyObject* marker, const Func
     }
   }
   Ref returns = Ref::steal(PyUnicode_FromString(def.returns));
-  if (!returns || PyDict_SetItemString(annotations.get(), "return", returns.get()) < 0) return Ref();
+  if (!returns || PyDict_SetItemString(annotations.get(), "return", returns.get()) < 0)
+    return Ref();
 
   auto* f = PyObject_GC_New(FunctionObject, reinterpret_cast<PyTypeObject*>(type));
   if (!f) return Ref();
@@ -277,7 +381,12 @@ Ref lookup(const Env& env, Id id) {
     if (status > 0) return Ref::steal(found);
     if (status < 0) return Ref();
   }
-  PyErr_Format(PyExc_NameError, "name '%U' is not defined", key);
+  // The interpreter names the missing global on the error (`name`), which tracebacks use.
+  Ref message = Ref::steal(PyUnicode_FromFormat("name '%U' is not defined", key));
+  if (!message) return Ref();
+  Ref error = Ref::steal(PyObject_CallOneArg(PyExc_NameError, message.get()));
+  if (!error || PyObject_SetAttr(error.get(), name(Id::name), key) < 0) return Ref();
+  PyErr_SetObject(PyExc_NameError, error.get());
   return Ref();
 }
 

@@ -44,6 +44,8 @@ Ref call_global(const Env& env, Id id, std::initializer_list<PyObject*> args);
 Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args);
 
 // Whether obj is the module's own function of that definition (so its native form may be used).
-inline bool is_native(PyObject* obj, const FunctionDef& def) { return native_def(obj) == &def; }
+inline bool is_native(PyObject* obj, const FunctionDef& def) {
+  return native_def(obj) == &def;
+}
 
 }  // namespace registry_docs

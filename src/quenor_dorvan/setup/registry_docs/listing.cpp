@@ -20,10 +20,8 @@ Ref tier_position(PyObject* tiers, PyObject* tier) {
   return Ref();
 }
 
-// A stable merge sort of positions that, like list.sort, compares only with "less than".
-// less(a, b) returns 1, 0, or -1 with an exception set.
-template <typename Less>
-bool stable_sort(std::vector<Py_ssize_t>& order, Less less) {
+// A stable merge sort of positions by exact int keys, whose comparisons nobody can observe.
+void sort_by_numbers(std::vector<Py_ssize_t>& order, const std::vector<long long>& numbers) {
   std::vector<Py_ssize_t> buffer(order.size());
   size_t size = order.size();
   for (size_t width = 1; width < size; width *= 2) {
@@ -32,14 +30,35 @@ bool stable_sort(std::vector<Py_ssize_t>& order, Less less) {
       size_t right = std::min(left + 2 * width, size);
       size_t i = left, j = mid, k = left;
       while (i < mid && j < right) {
-        int take_right = less(order[j], order[i]);
-        if (take_right < 0) return false;
-        buffer[k++] = take_right ? order[j++] : order[i++];
+        buffer[k++] = numbers[order[j]] < numbers[order[i]] ? order[j++] : order[i++];
       }
       while (i < mid) buffer[k++] = order[i++];
       while (j < right) buffer[k++] = order[j++];
     }
     order.swap(buffer);
+  }
+}
+
+// Any other keys go through list.sort itself (positions sorted by `keys.__getitem__`), so that
+// their `<` runs on the same pairs, in the same order, and fails with the same error.
+bool sort_by_objects(std::vector<Py_ssize_t>& order, const std::vector<Ref>& keys) {
+  Ref key_list = Ref::steal(PyList_New(static_cast<Py_ssize_t>(keys.size())));
+  Ref positions = Ref::steal(PyList_New(static_cast<Py_ssize_t>(keys.size())));
+  if (!key_list || !positions) return false;
+  for (size_t i = 0; i < keys.size(); ++i) {
+    PyObject* position = PyLong_FromSize_t(i);
+    if (!position) return false;
+    PyList_SET_ITEM(key_list.get(), static_cast<Py_ssize_t>(i), Ref(keys[i]).release());
+    PyList_SET_ITEM(positions.get(), static_cast<Py_ssize_t>(i), position);
+  }
+  Ref key_of = Ref::steal(PyObject_GetAttrString(key_list.get(), "__getitem__"));
+  Ref sort = Ref::steal(PyObject_GetAttrString(positions.get(), "sort"));
+  Ref kwargs = key_of ? Ref::steal(Py_BuildValue("{sO}", "key", key_of.get())) : Ref();
+  Ref no_args = Ref::steal(PyTuple_New(0));
+  if (!sort || !kwargs || !no_args) return false;
+  if (!Ref::steal(PyObject_Call(sort.get(), no_args.get(), kwargs.get()))) return false;
+  for (size_t i = 0; i < order.size(); ++i) {
+    order[i] = PyLong_AsSsize_t(PyList_GET_ITEM(positions.get(), static_cast<Py_ssize_t>(i)));
   }
   return true;
 }
@@ -78,12 +97,11 @@ Ref ordered_tools_body(const Env& env, PyObject* const*) {
   }
   std::vector<Py_ssize_t> order(keys.size());
   for (size_t i = 0; i < order.size(); ++i) order[i] = static_cast<Py_ssize_t>(i);
-  bool sorted =
-      small_ints ? stable_sort(order, [&](Py_ssize_t a, Py_ssize_t b) { return numbers[a] < numbers[b] ? 1 : 0; })
-                 : stable_sort(order, [&](Py_ssize_t a, Py_ssize_t b) {
-                     return PyObject_RichCompareBool(keys[a].get(), keys[b].get(), Py_LT);
-                   });
-  if (!sorted) return Ref();
+  if (small_ints) {
+    sort_by_numbers(order, numbers);
+  } else if (!sort_by_objects(order, keys)) {
+    return Ref();
+  }
   Ref result = Ref::steal(PyList_New(static_cast<Py_ssize_t>(order.size())));
   if (!result) return Ref();
   for (size_t i = 0; i < order.size(); ++i) {
@@ -199,18 +217,42 @@ Ref cli_usage_body(const Env& env, PyObject* const* args) {
 }  // namespace
 
 const FunctionDef kOrderedTools = {
-    "ordered_tools", "The tools in the order the docs list them: by tier, then in registry order.",
-    0, {}, {}, "list[ToolSpec]", ordered_tools_body};
-const FunctionDef kTierTools = {"_tier_tools", "The tools of one tier, in registry order.", 1,
-                                {"tier"}, {"ToolTier"}, "list[ToolSpec]", tier_tools_body};
+    "ordered_tools",
+    "The tools in the order the docs list them: by tier, then in registry order.",
+    0,
+    {},
+    {},
+    "list[ToolSpec]",
+    ordered_tools_body};
+const FunctionDef kTierTools = {"_tier_tools",
+                                "The tools of one tier, in registry order.",
+                                1,
+                                {"tier"},
+                                {"ToolTier"},
+                                "list[ToolSpec]",
+                                tier_tools_body};
 const FunctionDef kActionsCell = {
-    "_actions_cell", "A tool's actions as code spans, or the placeholder for a tool without actions.",
-    2, {"tool", "placeholder"}, {"ToolSpec", "str"}, "str", actions_cell_body};
-const FunctionDef kTierCounts = {
-    "_tier_counts", "How many tools each tier has, such as ``8 core and 6 extended``.", 0, {}, {},
-    "str", tier_counts_body};
+    "_actions_cell",
+    "A tool's actions as code spans, or the placeholder for a tool without actions.",
+    2,
+    {"tool", "placeholder"},
+    {"ToolSpec", "str"},
+    "str",
+    actions_cell_body};
+const FunctionDef kTierCounts = {"_tier_counts",
+                                 "How many tools each tier has, such as ``8 core and 6 extended``.",
+                                 0,
+                                 {},
+                                 {},
+                                 "str",
+                                 tier_counts_body};
 const FunctionDef kCliUsage = {
-    "cli_usage", "The shortest command line that runs the tool: its required parameters, as placeholders.",
-    1, {"tool"}, {"ToolSpec"}, "str", cli_usage_body};
+    "cli_usage",
+    "The shortest command line that runs the tool: its required parameters, as placeholders.",
+    1,
+    {"tool"},
+    {"ToolSpec"},
+    "str",
+    cli_usage_body};
 
 }  // namespace registry_docs

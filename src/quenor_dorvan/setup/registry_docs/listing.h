@@ -12,9 +12,13 @@ extern const FunctionDef kTierCounts;
 extern const FunctionDef kCliUsage;
 
 // `format(value)` as an f-string replacement field without a spec writes it.
-inline Ref format_text(PyObject* value) { return Ref::steal(PyObject_Format(value, nullptr)); }
+inline Ref format_text(PyObject* value) {
+  return Ref::steal(PyObject_Format(value, nullptr));
+}
 
 // `tier.capitalize()`, as the tier cells and tier lists write a tier name.
-inline Ref capitalized(PyObject* tier) { return call_method(tier, Id::capitalize, {}); }
+inline Ref capitalized(PyObject* tier) {
+  return call_method(tier, Id::capitalize, {});
+}
 
 }  // namespace registry_docs

@@ -1,5 +1,12 @@
 #include "maintenance.h"
 
+#include <structmember.h>
+
+#include <array>
+#include <new>
+
+#include "compat.h"
+
 namespace registry_docs {
 
 namespace {
@@ -15,6 +22,907 @@ const char kGeneratedFileDoc[] =
     "    path: The file, relative to the repository's root.\n"
     "    blocks: The blocks it holds: each name with the function that renders the block.\n"
     "    encode: How the file holds a rendered block (the skill's template doubles braces).\n";
+
+Ref substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
+  return Ref::steal(PyUnicode_Substring(text, start, end));
+}
+
+Ref text_of(const char* text) {
+  return Ref::steal(PyUnicode_FromString(text));
+}
+
+// `sorted(iterable)`.
+Ref sorted_list(PyObject* iterable) {
+  Ref list = Ref::steal(PySequence_List(iterable));
+  if (!list || PyList_Sort(list.get()) < 0) return Ref();
+  return list;
+}
+
+// `bool(a <op> b)` without the identity shortcut of PyObject_RichCompareBool: `==` on host
+// objects must reach their own comparison.
+int compare(PyObject* a, PyObject* b, int op) {
+  Ref result = Ref::steal(PyObject_RichCompare(a, b, op));
+  return result ? PyObject_IsTrue(result.get()) : -1;
+}
+
+// ---------------------------------------------------------------------------------------------
+// The scanner over CPython's str storage.
+
+bool is_word(std::uint32_t c) {
+  return Py_UNICODE_ISALNUM(static_cast<Py_UCS4>(c)) || c == '_';
+}
+
+// The Latin-1 range is what most texts are stored in; a table spares the Unicode database there.
+const std::array<bool, 256>& latin1_words() {
+  static const std::array<bool, 256> table = [] {
+    std::array<bool, 256> words{};
+    for (std::uint32_t c = 0; c < 256; ++c) words[c] = is_word(c);
+    return words;
+  }();
+  return table;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Replacing blocks: what `_MARKER.sub(render, text)` does with a function `render` that returns
+// `match["open"] + fill(match) + "\n" + match["close"]`.
+
+// A str that `str + x` concatenates as is: anything else may take part through its own `__radd__`.
+bool plain_str(PyObject* obj) {
+  if (PyUnicode_CheckExact(obj)) return true;
+  if (!PyUnicode_Check(obj)) return false;
+  PyNumberMethods* number = Py_TYPE(obj)->tp_as_number;
+  return !number || !number->nb_add;
+}
+
+// `open + filled + "\n" + close` for any `filled`, with the operators' own dispatch and errors.
+Ref concatenate(PyObject* open, PyObject* filled, PyObject* close) {
+  Ref piece = Ref::steal(PyNumber_Add(open, filled));
+  if (!piece) return Ref();
+  piece = Ref::steal(PyNumber_Add(piece.get(), name(Id::newline)));
+  if (!piece) return Ref();
+  return Ref::steal(PyNumber_Add(piece.get(), close));
+}
+
+// The list `sub` collects (each nonempty stretch between matches, each replacement other than
+// None) and joins at the end, written straight into one str. `str.join`'s error for an item that
+// is not a str is raised only once every match has been replaced, as `sub` raises it.
+class SubResult {
+ public:
+  bool stretch(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
+    if (start >= end) return true;
+    ++count_;
+    return writer_.substring(text, start, end);
+  }
+  bool item(PyObject* piece) {
+    if (piece == Py_None) return true;
+    Py_ssize_t index = count_++;
+    if (bad_index_ >= 0) return true;
+    if (!PyUnicode_Check(piece)) {
+      bad_index_ = index;
+      bad_item_ = Ref::borrow(piece);
+      return true;
+    }
+    return writer_.str(piece);
+  }
+  // A replacement known to be `open + filled + "\n" + close` with filled a plain str.
+  bool block(PyObject* text, const MarkedBlock& block, PyObject* filled) {
+    ++count_;
+    if (bad_index_ >= 0) return true;
+    return writer_.substring(text, block.open_start, block.body_start) && writer_.str(filled) &&
+           writer_.lit("\n") && writer_.substring(text, block.close_start, block.close_end);
+  }
+  Ref finish() {
+    if (bad_index_ >= 0) {
+      join_type_error(bad_index_, bad_item_.get());
+      return Ref();
+    }
+    return writer_.finish();
+  }
+
+ private:
+  TextWriter writer_;
+  Py_ssize_t count_ = 0;
+  Ref bad_item_;
+  Py_ssize_t bad_index_ = -1;
+};
+
+class ScannedMatch final : public BlockMatch {
+ public:
+  ScannedMatch(PyObject* text, const MarkedBlock& block) : text_(text), block_(block) {}
+  Ref name() const override { return substring(text_, block_.name_start, block_.name_end); }
+
+ private:
+  PyObject* text_;
+  const MarkedBlock& block_;
+};
+
+Ref replace_scanned(PyObject* text, const std::vector<MarkedBlock>& blocks, const BlockFill& fill) {
+  Py_ssize_t size = PyUnicode_GET_LENGTH(text);
+  // Without a match `sub` hands back the text itself (a copy for a str subclass).
+  if (blocks.empty()) return substring(text, 0, size);
+  SubResult result;
+  Py_ssize_t done = 0;
+  for (const MarkedBlock& block : blocks) {
+    if (!result.stretch(text, done, block.open_start)) return Ref();
+    Ref filled = fill(ScannedMatch(text, block));
+    if (!filled) return Ref();
+    if (plain_str(filled.get())) {
+      if (!result.block(text, block, filled.get())) return Ref();
+    } else {
+      Ref open = substring(text, block.open_start, block.body_start);
+      Ref close = open ? substring(text, block.close_start, block.close_end) : Ref();
+      Ref piece = close ? concatenate(open.get(), filled.get(), close.get()) : Ref();
+      if (!piece || !result.item(piece.get())) return Ref();
+    }
+    done = block.close_end;
+  }
+  if (!result.stretch(text, done, size)) return Ref();
+  return result.finish();
+}
+
+// The function a rebound `_MARKER.sub` gets. It runs the caller's fill only while replace_blocks
+// runs: the fill may refer to that call's locals.
+struct FillSlot {
+  const BlockFill* fill;
+};
+
+const char kFillSlotName[] = "registry_docs.block_fill";
+
+void free_fill_slot(PyObject* capsule) {
+  delete static_cast<FillSlot*>(PyCapsule_GetPointer(capsule, kFillSlotName));
+}
+
+class ObjectMatch final : public BlockMatch {
+ public:
+  explicit ObjectMatch(PyObject* match) : match_(match) {}
+  Ref name() const override { return subscript(match_, Id::name); }
+
+ private:
+  PyObject* match_;
+};
+
+PyObject* render_match(PyObject* self, PyObject* match) {
+  auto* slot = static_cast<FillSlot*>(PyCapsule_GetPointer(self, kFillSlotName));
+  if (!slot) return nullptr;
+  if (!slot->fill) {
+    PyErr_SetString(PyExc_RuntimeError, "the block renderer was called after its file was done");
+    return nullptr;
+  }
+  Ref keep = Ref::borrow(match);
+  Ref open = subscript(match, Id::open);
+  if (!open) return nullptr;
+  Ref filled = (*slot->fill)(ObjectMatch(match));
+  if (!filled) return nullptr;
+  Ref piece = Ref::steal(PyNumber_Add(open.get(), filled.get()));
+  if (!piece) return nullptr;
+  piece = Ref::steal(PyNumber_Add(piece.get(), name(Id::newline)));
+  if (!piece) return nullptr;
+  Ref close = subscript(match, Id::close);
+  if (!close) return nullptr;
+  return PyNumber_Add(piece.get(), close.get());
+}
+
+PyMethodDef render_match_def = {"render", render_match, METH_O, nullptr};
+
+Ref replace_through(PyObject* marker, PyObject* text, const BlockFill& fill) {
+  auto* slot = new (std::nothrow) FillSlot{&fill};
+  if (!slot) return Ref::steal(PyErr_NoMemory());
+  Ref capsule = Ref::steal(PyCapsule_New(slot, kFillSlotName, free_fill_slot));
+  if (!capsule) {
+    delete slot;
+    return Ref();
+  }
+  Ref render = Ref::steal(PyCFunction_New(&render_match_def, capsule.get()));
+  if (!render) return Ref();
+  Ref result = call_method(marker, Id::sub, {render.get(), text});
+  slot->fill = nullptr;
+  return result;
+}
+
+// ---------------------------------------------------------------------------------------------
+// `_params_renderer`'s closure: `def render(): return mcp_params_block(tool)`.
+
+struct RendererObject {
+  PyObject ob_base;
+  vectorcallfunc vectorcall;
+  PyObject* module;
+  PyObject* globals;
+  PyObject* marker;
+  PyObject* tool;
+  PyObject* module_name;
+  PyObject* annotations;  // made when first read, as a def's are
+  PyObject* weakrefs;
+};
+
+const char kRendererName[] = "render";
+const char kRendererQualname[] = "_params_renderer.<locals>.render";
+
+PyTypeObject* g_renderer_type = nullptr;
+
+int renderer_traverse(PyObject* self, visitproc visit, void* arg) {
+  auto* r = reinterpret_cast<RendererObject*>(self);
+  Py_VISIT(Py_TYPE(self));
+  Py_VISIT(r->module);
+  Py_VISIT(r->globals);
+  Py_VISIT(r->marker);
+  Py_VISIT(r->tool);
+  Py_VISIT(r->annotations);
+  return 0;
+}
+
+int renderer_clear(PyObject* self) {
+  auto* r = reinterpret_cast<RendererObject*>(self);
+  Py_CLEAR(r->module);
+  Py_CLEAR(r->globals);
+  Py_CLEAR(r->marker);
+  Py_CLEAR(r->tool);
+  Py_CLEAR(r->annotations);
+  return 0;
+}
+
+void renderer_dealloc(PyObject* self) {
+  auto* r = reinterpret_cast<RendererObject*>(self);
+  PyTypeObject* type = Py_TYPE(self);
+  PyObject_GC_UnTrack(self);
+  if (r->weakrefs) PyObject_ClearWeakRefs(self);
+  renderer_clear(self);
+  Py_CLEAR(r->module_name);
+  PyObject_GC_Del(self);
+  Py_DECREF(type);
+}
+
+PyObject* renderer_vectorcall(PyObject* self, PyObject* const*, size_t nargsf, PyObject* kwnames) {
+  auto* r = reinterpret_cast<RendererObject*>(self);
+  Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
+  if (kwnames && PyTuple_GET_SIZE(kwnames) > 0) {
+    PyObject* key = PyTuple_GET_ITEM(kwnames, 0);
+    if (!PyUnicode_Check(key)) {
+      PyErr_Format(PyExc_TypeError, "%s() keywords must be strings", kRendererQualname);
+    } else {
+      PyErr_Format(PyExc_TypeError, "%s() got an unexpected keyword argument '%S'",
+                   kRendererQualname, key);
+    }
+    return nullptr;
+  }
+  if (nargs > 0) {
+    PyErr_Format(PyExc_TypeError, "%s() takes 0 positional arguments but %zd %s given",
+                 kRendererQualname, nargs, nargs == 1 ? "was" : "were");
+    return nullptr;
+  }
+  if (Py_EnterRecursiveCall(" while calling a Python object")) return nullptr;
+  // The closure's own references: a renderer may rebind names or drop the record holding it.
+  Ref keep = Ref::borrow(self);
+  Ref module = Ref::borrow(r->module);
+  Ref globals = Ref::borrow(r->globals);
+  Ref marker = Ref::borrow(r->marker);
+  Ref tool = Ref::borrow(r->tool);
+  Env env{module.get(), globals.get(), marker.get()};
+  Ref result = call_global(env, Id::mcp_params_block, {tool.get()});
+  Py_LeaveRecursiveCall();
+  return result.release();
+}
+
+PyObject* renderer_repr(PyObject* self) {
+  return PyUnicode_FromFormat("<function %s at %p>", kRendererQualname, self);
+}
+
+PyObject* renderer_name(PyObject*, void*) {
+  return PyUnicode_FromString(kRendererName);
+}
+PyObject* renderer_qualname(PyObject*, void*) {
+  return PyUnicode_FromString(kRendererQualname);
+}
+PyObject* renderer_module(PyObject* self, void*) {
+  return Ref::borrow(reinterpret_cast<RendererObject*>(self)->module_name).release();
+}
+PyObject* renderer_doc(PyObject*, void*) {
+  return Ref::borrow(Py_None).release();
+}
+PyObject* renderer_globals(PyObject* self, void*) {
+  return Ref::borrow(reinterpret_cast<RendererObject*>(self)->globals).release();
+}
+PyObject* renderer_annotations(PyObject* self, void*) {
+  auto* r = reinterpret_cast<RendererObject*>(self);
+  if (!r->annotations) {
+    r->annotations = PyDict_New();
+    if (!r->annotations) return nullptr;
+  }
+  return Ref::borrow(r->annotations).release();
+}
+// `inspect.signature` takes this as it is: a function of no parameters and no annotations.
+PyObject* renderer_signature(PyObject*, void*) {
+  Ref inspect = Ref::steal(PyImport_ImportModule("inspect"));
+  if (!inspect) return nullptr;
+  Ref signature_type = Ref::steal(PyObject_GetAttrString(inspect.get(), "Signature"));
+  if (!signature_type) return nullptr;
+  return call(signature_type.get(), {}).release();
+}
+
+PyGetSetDef renderer_getset[] = {
+    {"__name__", renderer_name, nullptr, nullptr, nullptr},
+    {"__qualname__", renderer_qualname, nullptr, nullptr, nullptr},
+    {"__module__", renderer_module, nullptr, nullptr, nullptr},
+    {"__doc__", renderer_doc, nullptr, nullptr, nullptr},
+    {"__annotations__", renderer_annotations, nullptr, nullptr, nullptr},
+    {"__globals__", renderer_globals, nullptr, nullptr, nullptr},
+    {"__signature__", renderer_signature, nullptr, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyMemberDef renderer_members[] = {
+    {"__vectorcalloffset__", T_PYSSIZET, offsetof(RendererObject, vectorcall), READONLY, nullptr},
+    {"__weaklistoffset__", T_PYSSIZET, offsetof(RendererObject, weakrefs), READONLY, nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+PyType_Slot renderer_slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(renderer_dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void*>(renderer_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(renderer_clear)},
+    {Py_tp_call, reinterpret_cast<void*>(PyVectorcall_Call)},
+    {Py_tp_repr, reinterpret_cast<void*>(renderer_repr)},
+    {Py_tp_getset, renderer_getset},
+    {Py_tp_members, renderer_members},
+    {0, nullptr},
+};
+
+PyType_Spec renderer_spec = {
+    "registry_docs.params_renderer",
+    sizeof(RendererObject),
+    0,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+        Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+    renderer_slots,
+};
+
+Ref params_renderer_body(const Env& env, PyObject* const* args) {
+  if (!g_renderer_type) {
+    g_renderer_type = reinterpret_cast<PyTypeObject*>(PyType_FromSpec(&renderer_spec));
+    if (!g_renderer_type) return Ref();
+  }
+  // A def takes its `__module__` from the namespace's `__name__` when it is made.
+  PyObject* module_name = nullptr;
+  if (compat::dict_get_ref(env.globals, name(Id::dunder_name), &module_name) < 0) return Ref();
+  Ref module_name_ref = Ref::steal(module_name);
+  auto* r = PyObject_GC_New(RendererObject, g_renderer_type);
+  if (!r) return Ref();
+  r->vectorcall = renderer_vectorcall;
+  r->module = Ref::borrow(env.module).release();
+  r->globals = Ref::borrow(env.globals).release();
+  r->marker = Ref::borrow(env.marker).release();
+  r->tool = Ref::borrow(args[0]).release();
+  r->module_name = module_name_ref ? module_name_ref.release() : Ref::borrow(Py_None).release();
+  r->annotations = nullptr;
+  r->weakrefs = nullptr;
+  PyObject_GC_Track(reinterpret_cast<PyObject*>(r));
+  return Ref::steal(reinterpret_cast<PyObject*>(r));
+}
+
+// ---------------------------------------------------------------------------------------------
+// The catalogue.
+
+// `(block_name, renderer)` with the renderer looked up now.
+Ref declared_block(const Env& env, const char* block_name, Id renderer) {
+  Ref key = text_of(block_name);
+  if (!key) return Ref();
+  Ref found = lookup(env, renderer);
+  if (!found) return Ref();
+  return Ref::steal(PyTuple_Pack(2, key.get(), found.get()));
+}
+
+// `GeneratedFile(path, blocks[, encode])`, the record type looked up before its arguments.
+Ref make_record(PyObject* record_type, const char* path, PyObject* blocks, PyObject* encode) {
+  Ref path_text = text_of(path);
+  if (!path_text) return Ref();
+  if (encode) return call(record_type, {path_text.get(), blocks, encode});
+  return call(record_type, {path_text.get(), blocks});
+}
+
+// The parameter blocks of `docs/mcp-tools.md`, one per tool in the documented order, appended.
+bool append_params_blocks(const Env& env, PyObject* blocks) {
+  Ref tools = call_global(env, Id::ordered_tools, {});
+  if (!tools) return false;
+  Ref iterator = Ref::steal(PyObject_GetIter(tools.get()));
+  if (!iterator) return false;
+  while (Ref tool = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref tool_name = getattr(tool.get(), Id::name);
+    if (!tool_name) return false;
+    Ref formatted = Ref::steal(PyObject_Format(tool_name.get(), nullptr));
+    if (!formatted) return false;
+    TextWriter key_writer;
+    if (!key_writer.lit("params:") || !key_writer.str(formatted.get())) return false;
+    Ref key = key_writer.finish();
+    if (!key) return false;
+    Ref renderer = call_global(env, Id::params_renderer, {tool.get()});
+    if (!renderer) return false;
+    Ref pair = Ref::steal(PyTuple_Pack(2, key.get(), renderer.get()));
+    if (!pair || PyList_Append(blocks, pair.get()) < 0) return false;
+  }
+  return !PyErr_Occurred();
+}
+
+Ref generated_files_body(const Env& env, PyObject* const*) {
+  Ref files = Ref::steal(PyTuple_New(5));
+  if (!files) return Ref();
+  auto set_file = [&](Py_ssize_t index, Ref file) {
+    if (!file) return false;
+    PyTuple_SET_ITEM(files.get(), index, file.release());
+    return true;
+  };
+  {
+    Ref record = lookup(env, Id::GeneratedFile);
+    if (!record) return Ref();
+    Ref routes = declared_block(env, "skill-routes", Id::skill_routes_block);
+    Ref tools = routes ? declared_block(env, "skill-tools", Id::skill_tools_block) : Ref();
+    Ref blocks = tools ? Ref::steal(PyTuple_Pack(2, routes.get(), tools.get())) : Ref();
+    Ref encode = blocks ? lookup(env, Id::skill_text) : Ref();
+    if (!encode || !set_file(0, make_record(record.get(), "src/quenor_dorvan/setup/skill_text.py",
+                                            blocks.get(), encode.get()))) {
+      return Ref();
+    }
+  }
+  {
+    Ref record = lookup(env, Id::GeneratedFile);
+    if (!record) return Ref();
+    Ref routes = declared_block(env, "rules-routes", Id::rules_table);
+    Ref blocks = routes ? Ref::steal(PyTuple_Pack(1, routes.get())) : Ref();
+    Ref encode = blocks ? lookup(env, Id::literal_text) : Ref();
+    if (!encode || !set_file(1, make_record(record.get(), "src/quenor_dorvan/setup/config.py",
+                                            blocks.get(), encode.get()))) {
+      return Ref();
+    }
+  }
+  {
+    Ref record = lookup(env, Id::GeneratedFile);
+    if (!record) return Ref();
+    Ref rules = declared_block(env, "rules-block", Id::rules_block);
+    Ref blocks = rules ? Ref::steal(PyTuple_Pack(1, rules.get())) : Ref();
+    if (!blocks || !set_file(2, make_record(record.get(), "docs/claude-instructions-template.md",
+                                            blocks.get(), nullptr))) {
+      return Ref();
+    }
+  }
+  {
+    Ref record = lookup(env, Id::GeneratedFile);
+    if (!record) return Ref();
+    Ref readme = declared_block(env, "readme-tools", Id::readme_tools_block);
+    Ref blocks = readme ? Ref::steal(PyTuple_Pack(1, readme.get())) : Ref();
+    if (!blocks || !set_file(3, make_record(record.get(), "README.md", blocks.get(), nullptr))) {
+      return Ref();
+    }
+  }
+  {
+    Ref record = lookup(env, Id::GeneratedFile);
+    if (!record) return Ref();
+    Ref blocks = Ref::steal(PyList_New(0));
+    if (!blocks) return Ref();
+    const std::pair<const char*, Id> fixed[] = {{"mcp-intro", Id::mcp_intro_block},
+                                                {"mcp-overview", Id::mcp_overview_block},
+                                                {"mcp-cli", Id::mcp_cli_block}};
+    for (const auto& [block_name, renderer] : fixed) {
+      Ref pair = declared_block(env, block_name, renderer);
+      if (!pair || PyList_Append(blocks.get(), pair.get()) < 0) return Ref();
+    }
+    if (!append_params_blocks(env, blocks.get())) return Ref();
+    Ref tuple = Ref::steal(PyList_AsTuple(blocks.get()));
+    if (!tuple ||
+        !set_file(4, make_record(record.get(), "docs/mcp-tools.md", tuple.get(), nullptr))) {
+      return Ref();
+    }
+  }
+  return files;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Listing blocks.
+
+Ref block_names_body(const Env& env, PyObject* const* args) {
+  PyObject* text = args[0];
+  Ref marker = lookup(env, Id::MARKER);
+  if (!marker) return Ref();
+  if (native_marker(env, marker.get(), text)) {
+    std::vector<MarkedBlock> blocks;
+    if (!scan_blocks(text, blocks)) return Ref();
+    Ref names = Ref::steal(PyList_New(static_cast<Py_ssize_t>(blocks.size())));
+    if (!names) return Ref();
+    for (size_t i = 0; i < blocks.size(); ++i) {
+      Ref block_name = substring(text, blocks[i].name_start, blocks[i].name_end);
+      if (!block_name) return Ref();
+      PyList_SET_ITEM(names.get(), static_cast<Py_ssize_t>(i), block_name.release());
+    }
+    return names;
+  }
+  Ref matches = call_method(marker.get(), Id::finditer, {text});
+  if (!matches) return Ref();
+  Ref iterator = Ref::steal(PyObject_GetIter(matches.get()));
+  if (!iterator) return Ref();
+  Ref names = Ref::steal(PyList_New(0));
+  if (!names) return Ref();
+  while (Ref match = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref block_name = subscript(match.get(), Id::name);
+    if (!block_name || PyList_Append(names.get(), block_name.get()) < 0) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return names;
+}
+
+Ref blocks_body(const Env& env, PyObject* const* args) {
+  PyObject* text = args[0];
+  Ref marker = lookup(env, Id::MARKER);
+  if (!marker) return Ref();
+  Ref bodies = Ref::steal(PyDict_New());
+  if (!bodies) return Ref();
+  if (native_marker(env, marker.get(), text)) {
+    std::vector<MarkedBlock> blocks;
+    if (!scan_blocks(text, blocks)) return Ref();
+    for (const MarkedBlock& block : blocks) {
+      Ref block_name = substring(text, block.name_start, block.name_end);
+      Ref body = block_name ? substring(text, block.body_start, block.close_start) : Ref();
+      if (!body || PyDict_SetItem(bodies.get(), block_name.get(), body.get()) < 0) return Ref();
+    }
+    return bodies;
+  }
+  Ref matches = call_method(marker.get(), Id::finditer, {text});
+  if (!matches) return Ref();
+  Ref iterator = Ref::steal(PyObject_GetIter(matches.get()));
+  if (!iterator) return Ref();
+  while (Ref match = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref block_name = subscript(match.get(), Id::name);
+    Ref body = block_name ? subscript(match.get(), Id::body) : Ref();
+    if (!body || PyDict_SetItem(bodies.get(), block_name.get(), body.get()) < 0) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return bodies;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Rendering one file.
+
+// Whether the names found differ from those declared:
+// `sorted(found) != sorted(expected) or len(set(found)) != len(found)`. -1 with an exception set.
+int markers_differ(PyObject* found, PyObject* expected) {
+  Ref found_sorted = sorted_list(found);
+  if (!found_sorted) return -1;
+  Ref expected_sorted = sorted_list(expected);
+  if (!expected_sorted) return -1;
+  int differ = compare(found_sorted.get(), expected_sorted.get(), Py_NE);
+  if (differ != 0) return differ;
+  Ref unique = Ref::steal(PySet_New(found));
+  if (!unique) return -1;
+  Py_ssize_t distinct = PySet_GET_SIZE(unique.get());
+  Py_ssize_t count = PyObject_Size(found);
+  if (count < 0) return -1;
+  return distinct != count ? 1 : 0;
+}
+
+// `sorted(set(a) - set(b))`.
+Ref sorted_difference(PyObject* a, PyObject* b) {
+  Ref left = Ref::steal(PySet_New(a));
+  if (!left) return Ref();
+  Ref right = Ref::steal(PySet_New(b));
+  if (!right) return Ref();
+  Ref difference = Ref::steal(PyNumber_Subtract(left.get(), right.get()));
+  return difference ? sorted_list(difference.get()) : Ref();
+}
+
+// `{name for name in found if found.count(name) > 1}`.
+Ref repeated_names(PyObject* found) {
+  Ref repeated = Ref::steal(PySet_New(nullptr));
+  if (!repeated) return Ref();
+  bool plain = PyList_CheckExact(found);
+  for (Py_ssize_t i = 0; plain && i < PyList_GET_SIZE(found); ++i) {
+    plain = PyUnicode_CheckExact(PyList_GET_ITEM(found, i));
+  }
+  if (plain) {
+    // A list of str: counting by hash gives what `list.count` gives, in linear time.
+    Ref counts = Ref::steal(PyDict_New());
+    if (!counts) return Ref();
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(found); ++i) {
+      PyObject* item = PyList_GET_ITEM(found, i);
+      PyObject* seen = PyDict_GetItemWithError(counts.get(), item);
+      if (!seen && PyErr_Occurred()) return Ref();
+      PyObject* value = seen ? Py_True : Py_False;  // seen once, or more than once
+      if (PyDict_SetItem(counts.get(), item, value) < 0) return Ref();
+    }
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(found); ++i) {
+      PyObject* item = PyList_GET_ITEM(found, i);
+      if (PyDict_GetItemWithError(counts.get(), item) == Py_True &&
+          PySet_Add(repeated.get(), item) < 0) {
+        return Ref();
+      }
+      if (PyErr_Occurred()) return Ref();
+    }
+    return repeated;
+  }
+  Ref one = Ref::steal(PyLong_FromLong(1));
+  Ref count_name = text_of("count");
+  Ref iterator = one && count_name ? Ref::steal(PyObject_GetIter(found)) : Ref();
+  if (!iterator) return Ref();
+  while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref count = Ref::steal(PyObject_CallMethodOneArg(found, count_name.get(), item.get()));
+    if (!count) return Ref();
+    int many = compare(count.get(), one.get(), Py_GT);
+    if (many < 0 || (many && PySet_Add(repeated.get(), item.get()) < 0)) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return repeated;
+}
+
+void raise_markers_mismatch(PyObject* generated, PyObject* expected, PyObject* found) {
+  Ref missing = sorted_difference(expected, found);
+  if (!missing) return;
+  Ref unknown = sorted_difference(found, expected);
+  if (!unknown) return;
+  Ref repeated_set = repeated_names(found);
+  if (!repeated_set) return;
+  Ref repeated = sorted_list(repeated_set.get());
+  if (!repeated) return;
+  Ref path = getattr(generated, Id::path);
+  if (!path) return;
+  Ref texts[4] = {Ref::steal(PyObject_Format(path.get(), nullptr))};
+  PyObject* lists[3] = {missing.get(), unknown.get(), repeated.get()};
+  for (int i = 0; i < 3; ++i) {
+    if (!texts[i]) return;
+    texts[i + 1] = Ref::steal(PyObject_Format(lists[i], nullptr));
+  }
+  if (!texts[3]) return;
+  TextWriter out;
+  if (!out.str(texts[0].get()) ||
+      !out.lit(": the markers do not match the blocks it holds (missing ") ||
+      !out.str(texts[1].get()) || !out.lit(", unknown ") || !out.str(texts[2].get()) ||
+      !out.lit(", repeated ") || !out.str(texts[3].get()) || !out.lit(")")) {
+    return;
+  }
+  Ref message = out.finish();
+  if (message) PyErr_SetObject(PyExc_ValueError, message.get());
+}
+
+Ref render_file_body(const Env& env, PyObject* const* args) {
+  PyObject* text = args[0];
+  Ref generated = Ref::borrow(args[1]);
+  Ref declared = getattr(generated.get(), Id::blocks);
+  if (!declared) return Ref();
+  Ref iterator = Ref::steal(PyObject_GetIter(declared.get()));
+  if (!iterator) return Ref();
+  Ref pairs = Ref::steal(PyList_New(0));
+  Ref expected = Ref::steal(PyList_New(0));
+  if (!pairs || !expected) return Ref();
+  while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref block_name, renderer;
+    if (!unpack_pair(item.get(), block_name, renderer)) return Ref();
+    Ref pair = Ref::steal(PyTuple_Pack(2, block_name.get(), renderer.get()));
+    if (!pair || PyList_Append(pairs.get(), pair.get()) < 0) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(pairs.get()); ++i) {
+    PyObject* block_name = PyTuple_GET_ITEM(PyList_GET_ITEM(pairs.get(), i), 0);
+    if (PyList_Append(expected.get(), block_name) < 0) return Ref();
+  }
+  Ref found = call_global(env, Id::block_names, {text});
+  if (!found) return Ref();
+  int differ = markers_differ(found.get(), expected.get());
+  if (differ < 0) return Ref();
+  if (differ) {
+    raise_markers_mismatch(generated.get(), expected.get(), found.get());
+    return Ref();
+  }
+  Ref renderers = Ref::steal(PyDict_New());
+  if (!renderers) return Ref();
+  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(pairs.get()); ++i) {
+    PyObject* pair = PyList_GET_ITEM(pairs.get(), i);
+    if (PyDict_SetItem(renderers.get(), PyTuple_GET_ITEM(pair, 0), PyTuple_GET_ITEM(pair, 1)) < 0) {
+      return Ref();
+    }
+  }
+  // `generated.encode(renderers[match["name"]]())`, read in that order for each block.
+  BlockFill fill = [&generated, &renderers](const BlockMatch& match) -> Ref {
+    Ref encode = getattr(generated.get(), Id::encode);
+    if (!encode) return Ref();
+    Ref block_name = match.name();
+    if (!block_name) return Ref();
+    Ref renderer = subscript(renderers.get(), block_name.get());
+    if (!renderer) return Ref();
+    Ref rendered = call_found(renderer.get(), {});
+    if (!rendered) return Ref();
+    return call_found(encode.get(), {rendered.get()});
+  };
+  return replace_blocks(env, text, fill);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Files.
+
+Ref read_body(const Env&, PyObject* const* args) {
+  Ref relative = getattr(args[1], Id::path);
+  if (!relative) return Ref();
+  Ref path = Ref::steal(PyNumber_TrueDivide(args[0], relative.get()));
+  if (!path) return Ref();
+  Ref kwnames = Ref::steal(PyTuple_Pack(1, name(Id::encoding)));
+  if (!kwnames) return Ref();
+  PyObject* stack[] = {path.get(), name(Id::utf_8)};
+  return Ref::steal(PyObject_VectorcallMethod(name(Id::read_text), stack,
+                                              1 | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames.get()));
+}
+
+// `mapping.get(key)`.
+Ref get_item(PyObject* mapping, PyObject* key) {
+  if (PyDict_CheckExact(mapping)) {
+    PyObject* found = nullptr;
+    int status = compat::dict_get_ref(mapping, key, &found);
+    if (status < 0) return Ref();
+    return status ? Ref::steal(found) : Ref::borrow(Py_None);
+  }
+  return call_method(mapping, Id::get, {key});
+}
+
+// `[name for name, body in old.items() if new.get(name) != body]`.
+Ref stale_names(PyObject* old_blocks, PyObject* new_blocks) {
+  Ref items = call_method(old_blocks, Id::items, {});
+  if (!items) return Ref();
+  Ref iterator = Ref::steal(PyObject_GetIter(items.get()));
+  if (!iterator) return Ref();
+  Ref stale = Ref::steal(PyList_New(0));
+  if (!stale) return Ref();
+  while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref block_name, body;
+    if (!unpack_pair(item.get(), block_name, body)) return Ref();
+    Ref now = get_item(new_blocks, block_name.get());
+    if (!now) return Ref();
+    int differ = compare(now.get(), body.get(), Py_NE);
+    if (differ < 0 || (differ && PyList_Append(stale.get(), block_name.get()) < 0)) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return stale;
+}
+
+// While an exception is handled, as inside an `except` clause: what is raised meanwhile gets it
+// as its context.
+class Handling {
+ public:
+  explicit Handling(PyObject* error) {
+    PyErr_GetExcInfo(&type_, &value_, &traceback_);
+    PyErr_SetExcInfo(Ref::borrow(reinterpret_cast<PyObject*>(Py_TYPE(error))).release(),
+                     Ref::borrow(error).release(), PyException_GetTraceback(error));
+  }
+  ~Handling() { PyErr_SetExcInfo(type_, value_, traceback_); }
+  Handling(const Handling&) = delete;
+  Handling& operator=(const Handling&) = delete;
+
+ private:
+  PyObject* type_ = nullptr;
+  PyObject* value_ = nullptr;
+  PyObject* traceback_ = nullptr;
+};
+
+// One line for a file whose blocks are out of date, or null (with an exception set).
+Ref stale_line(const Env& env, PyObject* generated, PyObject* text, PyObject* rendered) {
+  Ref old_blocks = call_global(env, Id::blocks_, {text});
+  if (!old_blocks) return Ref();
+  Ref new_blocks = call_global(env, Id::blocks_, {rendered});
+  if (!new_blocks) return Ref();
+  Ref stale = stale_names(old_blocks.get(), new_blocks.get());
+  if (!stale) return Ref();
+  Ref path = getattr(generated, Id::path);
+  if (!path) return Ref();
+  Ref path_text = Ref::steal(PyObject_Format(path.get(), nullptr));
+  if (!path_text) return Ref();
+  Ref names = join(Id::comma, stale.get());
+  if (!names) return Ref();
+  TextWriter out;
+  if (!out.str(path_text.get()) || !out.lit(": blocks out of date: ") || !out.str(names.get())) {
+    return Ref();
+  }
+  return out.finish();
+}
+
+Ref stale_blocks_body(const Env& env, PyObject* const* args) {
+  Ref root = Ref::borrow(args[0]);
+  Ref problems = Ref::steal(PyList_New(0));
+  if (!problems) return Ref();
+  Ref catalogue = call_global(env, Id::generated_files, {});
+  if (!catalogue) return Ref();
+  Ref iterator = Ref::steal(PyObject_GetIter(catalogue.get()));
+  if (!iterator) return Ref();
+  while (Ref generated = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref text = call_global(env, Id::read, {root.get(), generated.get()});
+    if (!text) return Ref();
+    Ref rendered = call_global(env, Id::render_file, {text.get(), generated.get()});
+    if (!rendered) {
+      if (!PyErr_ExceptionMatches(PyExc_ValueError)) return Ref();
+      Ref error = Ref::steal(compat::take_exception());
+      if (!error) return Ref();
+      Ref message;
+      {
+        Handling handling(error.get());
+        message = Ref::steal(PyObject_Str(error.get()));
+      }
+      if (!message || PyList_Append(problems.get(), message.get()) < 0) return Ref();
+      continue;
+    }
+    int same = compare(rendered.get(), text.get(), Py_EQ);
+    if (same < 0) return Ref();
+    if (same) continue;
+    Ref line = stale_line(env, generated.get(), text.get(), rendered.get());
+    if (!line || PyList_Append(problems.get(), line.get()) < 0) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return problems;
+}
+
+// `text.encode("utf-8")`.
+Ref utf8_bytes(PyObject* text) {
+  if (PyUnicode_CheckExact(text)) return Ref::steal(PyUnicode_AsUTF8String(text));
+  return call_method(text, Id::encode, {name(Id::utf_8)});
+}
+
+// Renders every file, then encodes each changed one, then writes: nothing is written before every
+// file has been read, rendered and encoded. As Python:
+//
+//     catalogue = generated_files()
+//     rendered = {g.path: render_file(_read(root, g), g) for g in catalogue}
+//     changes = []
+//     for g in catalogue:
+//         current = _read(root, g)
+//         path = g.path
+//         text = rendered[path]
+//         if current != text:
+//             changes.append((path, text.encode("utf-8")))
+//     for path, data in changes:
+//         (root / path).write_bytes(data)
+//     return [path for path, _ in changes]
+Ref write_blocks_body(const Env& env, PyObject* const* args) {
+  Ref root = Ref::borrow(args[0]);
+  Ref catalogue = call_global(env, Id::generated_files, {});
+  if (!catalogue) return Ref();
+  Ref rendered = Ref::steal(PyDict_New());
+  if (!rendered) return Ref();
+  Ref iterator = Ref::steal(PyObject_GetIter(catalogue.get()));
+  if (!iterator) return Ref();
+  while (Ref generated = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref path = getattr(generated.get(), Id::path);
+    if (!path) return Ref();
+    Ref render = lookup(env, Id::render_file);
+    if (!render) return Ref();
+    Ref text = call_global(env, Id::read, {root.get(), generated.get()});
+    if (!text) return Ref();
+    Ref result = call_found(render.get(), {text.get(), generated.get()});
+    if (!result || PyDict_SetItem(rendered.get(), path.get(), result.get()) < 0) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+
+  Ref paths = Ref::steal(PyList_New(0));
+  Ref contents = Ref::steal(PyList_New(0));
+  if (!paths || !contents) return Ref();
+  iterator = Ref::steal(PyObject_GetIter(catalogue.get()));
+  if (!iterator) return Ref();
+  while (Ref generated = Ref::steal(PyIter_Next(iterator.get()))) {
+    Ref current = call_global(env, Id::read, {root.get(), generated.get()});
+    if (!current) return Ref();
+    Ref path = getattr(generated.get(), Id::path);
+    if (!path) return Ref();
+    Ref text = subscript(rendered.get(), path.get());
+    if (!text) return Ref();
+    int differ = compare(current.get(), text.get(), Py_NE);
+    if (differ < 0) return Ref();
+    if (!differ) continue;
+    Ref data = utf8_bytes(text.get());
+    if (!data || PyList_Append(paths.get(), path.get()) < 0 ||
+        PyList_Append(contents.get(), data.get()) < 0) {
+      return Ref();
+    }
+  }
+  if (PyErr_Occurred()) return Ref();
+
+  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(paths.get()); ++i) {
+    Ref path = Ref::borrow(PyList_GET_ITEM(paths.get(), i));
+    Ref data = Ref::borrow(PyList_GET_ITEM(contents.get(), i));
+    Ref file = Ref::steal(PyNumber_TrueDivide(root.get(), path.get()));
+    if (!file) return Ref();
+    Ref written = call_method(file.get(), Id::write_bytes, {data.get()});
+    if (!written) return Ref();
+  }
+  return paths;
+}
 
 }  // namespace
 
@@ -37,9 +945,9 @@ Ref build_generated_file(PyObject* module) {
   PyObject* globals = PyModule_GetDict(module);
   Ref module_name = Ref::steal(PyModule_GetNameObject(module));
   if (!module_name) return Ref();
-  Ref annotations = Ref::steal(Py_BuildValue(
-      "{ssssss}", "path", "str", "blocks", "tuple[tuple[str, Callable[[], str]], ...]", "encode",
-      "Callable[[str], str]"));
+  Ref annotations = Ref::steal(Py_BuildValue("{ssssss}", "path", "str", "blocks",
+                                             "tuple[tuple[str, Callable[[], str]], ...]", "encode",
+                                             "Callable[[str], str]"));
   Ref namespace_ = Ref::steal(Py_BuildValue(
       "{sOsssssOsO}", "__module__", module_name.get(), "__qualname__", "GeneratedFile", "__doc__",
       kGeneratedFileDoc, "__annotations__", annotations.get(), "encode", &PyUnicode_Type));
@@ -62,16 +970,131 @@ Ref build_generated_file(PyObject* module) {
   return call(decorator.get(), {cls.get()});
 }
 
-}  // namespace registry_docs
-
-namespace registry_docs {
-static Ref stub(const Env&, PyObject* const*) { PyErr_SetString(PyExc_NotImplementedError, "x"); return Ref(); }
-const FunctionDef kParamsRenderer = {"kParamsRenderer", "doc", 0, {}, {}, "str", stub};
-const FunctionDef kGeneratedFiles = {"kGeneratedFiles", "doc", 0, {}, {}, "str", stub};
-const FunctionDef kBlockNames = {"kBlockNames", "doc", 0, {}, {}, "str", stub};
-const FunctionDef kRenderFile = {"kRenderFile", "doc", 0, {}, {}, "str", stub};
-const FunctionDef kRead = {"kRead", "doc", 0, {}, {}, "str", stub};
-const FunctionDef kStaleBlocks = {"kStaleBlocks", "doc", 0, {}, {}, "str", stub};
-const FunctionDef kBlocks = {"kBlocks", "doc", 0, {}, {}, "str", stub};
-const FunctionDef kWriteBlocks = {"kWriteBlocks", "doc", 0, {}, {}, "str", stub};
+bool scan_blocks(PyObject* text, std::vector<MarkedBlock>& blocks) {
+  if (PyUnicode_READY(text) < 0) return false;
+  Py_ssize_t size = PyUnicode_GET_LENGTH(text);
+  try {
+    switch (PyUnicode_KIND(text)) {
+      case PyUnicode_1BYTE_KIND: {
+        const auto& words = latin1_words();
+        scan_markers(
+            PyUnicode_1BYTE_DATA(text), size, [&words](std::uint32_t c) { return words[c]; },
+            blocks);
+        break;
+      }
+      case PyUnicode_2BYTE_KIND:
+        scan_markers(PyUnicode_2BYTE_DATA(text), size, is_word, blocks);
+        break;
+      default:
+        scan_markers(PyUnicode_4BYTE_DATA(text), size, is_word, blocks);
+        break;
+    }
+  } catch (const std::bad_alloc&) {
+    PyErr_NoMemory();
+    return false;
+  }
+  return true;
 }
+
+Ref replace_blocks(const Env& env, PyObject* text, const BlockFill& fill) {
+  Ref marker = lookup(env, Id::MARKER);
+  return marker ? replace_blocks(env, marker.get(), text, fill) : Ref();
+}
+
+Ref replace_blocks(const Env& env, PyObject* marker, PyObject* text, const BlockFill& fill) {
+  Ref keep_marker = Ref::borrow(marker);
+  Ref keep_text = Ref::borrow(text);
+  if (!native_marker(env, marker, text)) return replace_through(marker, text, fill);
+  std::vector<MarkedBlock> blocks;
+  if (!scan_blocks(text, blocks)) return Ref();
+  return replace_scanned(text, blocks, fill);
+}
+
+const FunctionDef kParamsRenderer = {"_params_renderer",
+                                     "The renderer of one tool's parameter block.",
+                                     1,
+                                     {"tool"},
+                                     {"ToolSpec"},
+                                     "Callable[[], str]",
+                                     params_renderer_body};
+
+const FunctionDef kGeneratedFiles = {
+    "generated_files",
+    "The files that hold generated blocks, made from the registry as it is when called.",
+    0,
+    {},
+    {},
+    "tuple[GeneratedFile, ...]",
+    generated_files_body};
+
+const FunctionDef kBlockNames = {"block_names",
+                                 "The names of the generated blocks a text holds, in order.",
+                                 1,
+                                 {"text"},
+                                 {"str"},
+                                 "list[str]",
+                                 block_names_body};
+
+const FunctionDef kRenderFile = {
+    "render_file",
+    "The text with each of its generated blocks rendered anew from the registry.\n"
+    "\n"
+    "Raises:\n"
+    "    ValueError: The text lacks a block the file must hold, holds one twice, or holds one the "
+    "file does not declare.\n",
+    2,
+    {"text", "generated"},
+    {"str", "GeneratedFile"},
+    "str",
+    render_file_body};
+
+const FunctionDef kRead = {
+    "_read",
+    "A generated file's text, read as UTF-8 with its line endings as line feeds.",
+    2,
+    {"root", "generated"},
+    {"Path", "GeneratedFile"},
+    "str",
+    read_body};
+
+const FunctionDef kStaleBlocks = {
+    "stale_blocks",
+    "The generated files whose blocks differ from what the registry renders, one line each.\n"
+    "\n"
+    "Args:\n"
+    "    root: The repository's root.\n"
+    "\n"
+    "Returns:\n"
+    "    One problem per file that is out of date or whose markers are wrong; empty when every "
+    "block is current.\n",
+    1,
+    {"root"},
+    {"Path"},
+    "list[str]",
+    stale_blocks_body};
+
+const FunctionDef kBlocks = {
+    "_blocks",  "The bodies of the generated blocks a text holds, by name.",
+    1,          {"text"},
+    {"str"},    "dict[str, str]",
+    blocks_body};
+
+const FunctionDef kWriteBlocks = {
+    "write_blocks",
+    "Render every generated block anew and write the files that changed.\n"
+    "\n"
+    "Args:\n"
+    "    root: The repository's root.\n"
+    "\n"
+    "Returns:\n"
+    "    The paths of the files written, relative to the root.\n"
+    "\n"
+    "Raises:\n"
+    "    ValueError: A file's markers are wrong; nothing is written then.\n",
+    1,
+    {"root"},
+    {"Path"},
+    "list[str]",
+    write_blocks_body};
+
+}  // namespace registry_docs

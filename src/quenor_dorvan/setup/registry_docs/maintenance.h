@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "function.h"
+#include "markers.h"
 
 namespace registry_docs {
 
@@ -23,31 +24,38 @@ Ref compile_marker(PyObject* module);
 // Builds the frozen data class `GeneratedFile` through the module's `dataclass`.
 Ref build_generated_file(PyObject* module);
 
-// One marked block found in a text: positions of its pieces, in code points.
-struct MarkedBlock {
-  Py_ssize_t open_start;  // "<!-- registry:"
-  Py_ssize_t name_start, name_end;
-  Py_ssize_t body_start;  // after the open marker's line feed
-  Py_ssize_t close_start;
-  Py_ssize_t close_end;
-};
-
-// The blocks of a str, found as `_MARKER.finditer` finds them, in one linear pass. When the
-// module's `_MARKER` was rebound, the found object's own methods give the matches instead (see
-// for_each_match).
+// The blocks of a str, found as the module's own `_MARKER.finditer` finds them, in one linear
+// pass; false with an exception set on failure. Only valid for the pattern the module made: see
+// native_marker.
 bool scan_blocks(PyObject* text, std::vector<MarkedBlock>& blocks);
 
-// One block as a replacement sees it: its name (a str).
-struct BlockMatch {
-  PyObject* name;
-};
-// What replaces a block's body: a str, or null with an exception set.
-using BlockRenderer = std::function<Ref(const BlockMatch&)>;
+// Whether `marker` (the `_MARKER` found now) is the module's own pattern and `text` a str, so that
+// scan_blocks gives exactly its matches; otherwise the found object's own methods must be used.
+inline bool native_marker(const Env& env, PyObject* marker, PyObject* text) {
+  return marker == env.marker && PyUnicode_Check(text);
+}
 
-// The text with every block found through the module's `_MARKER` (as bound now) replaced, left to
-// right, by its open marker, the renderer's text, "\n" and its close marker; the renderer's text
-// is inserted literally. Natively when `_MARKER` is the module's own pattern, otherwise through
-// the bound object's `sub`. A renderer result that is not a str raises the TypeError of `str + x`.
-Ref replace_blocks(const Env& env, PyObject* text, const BlockRenderer& render);
+// One block that a replacement is asked to fill.
+class BlockMatch {
+ public:
+  // The block's name, `match["name"]`: a new reference, or null with an exception set.
+  virtual Ref name() const = 0;
+
+ protected:
+  ~BlockMatch() = default;
+};
+
+// Gives the text that goes between a block's markers: a new reference, or null with an exception
+// set. It is called only while replace_blocks runs (it may refer to the caller's locals).
+using BlockFill = std::function<Ref(const BlockMatch& match)>;
+
+// `_MARKER.sub(lambda match: match["open"] + fill(match) + "\n" + match["close"], text)` with the
+// `_MARKER` bound now: each block of the text rendered anew in text order, the text between them
+// kept. The native scanner does the work when `_MARKER` is still the module's own pattern;
+// otherwise the found object's `sub` gets a function that does the same.
+Ref replace_blocks(const Env& env, PyObject* text, const BlockFill& fill);
+// The same with the `_MARKER` the caller looked up itself (where its expression reads the name
+// before the text).
+Ref replace_blocks(const Env& env, PyObject* marker, PyObject* text, const BlockFill& fill);
 
 }  // namespace registry_docs

@@ -101,8 +101,13 @@ Ref table_body(const Env& env, PyObject* const* args) {
     return line && PyList_Append(lines.get(), line.get()) == 0;
   };
   if (!append_row(header)) return Ref();
+  // `_row` is looked up before the rule's cells are made from the header, as the call reads it.
+  Ref row_fn = lookup(env, Id::row);
+  if (!row_fn) return Ref();
   Ref rule = rule_cells(header);
-  if (!rule || !append_row(rule.get())) return Ref();
+  if (!rule) return Ref();
+  Ref rule_line = call_found(row_fn.get(), {rule.get()});
+  if (!rule_line || PyList_Append(lines.get(), rule_line.get()) < 0) return Ref();
   Ref iterator = Ref::steal(PyObject_GetIter(args[1]));
   if (!iterator) return Ref();
   while (Ref cells = Ref::steal(PyIter_Next(iterator.get()))) {
@@ -132,16 +137,15 @@ Ref value_body(const Env& env, PyObject* const* args) {
   return Ref::steal(PyObject_Str(value));
 }
 
-// The lazy rows a replaced `_table` or `_row` reads: each row's cells are computed as it reads them.
+// The lazy rows a replaced `_table` or `_row` reads: each row's cells are computed as it reads
+// them.
 struct RowsObject {
-  PyObject_HEAD
-  RowSource* source;
+  PyObject_HEAD RowSource* source;
   PyObject* module;
 };
 
 struct RowObject {
-  PyObject_HEAD
-  PyObject* rows;  // the RowsObject that owns the source
+  PyObject_HEAD PyObject* rows;  // the RowsObject that owns the source
   PyObject* state;
   int column;
 };
@@ -149,7 +153,9 @@ struct RowObject {
 PyTypeObject* g_rows_type = nullptr;
 PyTypeObject* g_row_type = nullptr;
 
-Env env_of_module(PyObject* module) { return Env{module, PyModule_GetDict(module), nullptr}; }
+Env env_of_module(PyObject* module) {
+  return Env{module, PyModule_GetDict(module), nullptr};
+}
 
 int rows_traverse(PyObject* self, visitproc visit, void* arg) {
   auto* rows = reinterpret_cast<RowsObject*>(self);
@@ -241,13 +247,11 @@ PyType_Slot row_slots[] = {
     {0, nullptr},
 };
 
-constexpr unsigned kIteratorFlags =
-    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE |
-    Py_TPFLAGS_DISALLOW_INSTANTIATION;
+constexpr unsigned kIteratorFlags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC |
+                                    Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_DISALLOW_INSTANTIATION;
 PyType_Spec rows_spec = {"registry_docs.table_rows", sizeof(RowsObject), 0, kIteratorFlags,
                          rows_slots};
-PyType_Spec row_spec = {"registry_docs.table_row", sizeof(RowObject), 0, kIteratorFlags,
-                        row_slots};
+PyType_Spec row_spec = {"registry_docs.table_row", sizeof(RowObject), 0, kIteratorFlags, row_slots};
 
 Ref make_rows(const Env& env, std::unique_ptr<RowSource> source) {
   if (!g_rows_type) {
@@ -366,9 +370,11 @@ bool write_table(const Env& env, LineJoiner& out, PyObject* header,
   // Our own `_table`: the header row and the rule, then each row through `_row` as bound now.
   Ref line = call_global(env, Id::row, {header});
   if (!line || !out.line(line.get())) return false;
+  Ref rule_row = lookup(env, Id::row);
+  if (!rule_row) return false;
   Ref rule = rule_cells(header);
   if (!rule) return false;
-  line = call_global(env, Id::row, {rule.get()});
+  line = call_found(rule_row.get(), {rule.get()});
   if (!line || !out.line(line.get())) return false;
   Ref lazy;  // made only if a replaced `_row` needs row objects
   while (true) {
@@ -391,17 +397,21 @@ bool write_table(const Env& env, LineJoiner& out, PyObject* header,
   }
 }
 
-const FunctionDef kCode = {"_code", "Text as a Markdown code span.", 1, {"text"}, {"str"}, "str",
+const FunctionDef kCode = {"_code",  "Text as a Markdown code span.", 1, {"text"}, {"str"}, "str",
                            code_body};
-const FunctionDef kCell = {"_cell", "Text made safe for one cell of a Markdown table.", 1, {"text"},
-                           {"str"}, "str", cell_body};
-const FunctionDef kRow = {"_row", "One row of a Markdown table.", 1, {"cells"},
-                          {"Iterable[str]"}, "str", row_body};
-const FunctionDef kTable = {"_table", "A Markdown table: the header, its rule and the rows.", 2,
-                            {"header", "rows"}, {"tuple[str, ...]", "Iterable[Iterable[str]]"},
-                            "list[str]", table_body};
+const FunctionDef kCell = {
+    "_cell",  "Text made safe for one cell of a Markdown table.", 1, {"text"}, {"str"}, "str",
+    cell_body};
+const FunctionDef kRow = {
+    "_row", "One row of a Markdown table.", 1, {"cells"}, {"Iterable[str]"}, "str", row_body};
+const FunctionDef kTable = {
+    "_table",           "A Markdown table: the header, its rule and the rows.", 2,
+    {"header", "rows"}, {"tuple[str, ...]", "Iterable[Iterable[str]]"},         "list[str]",
+    table_body};
 const FunctionDef kValue = {
-    "_value", "A default or a bound as a reader writes it (JSON spelling for booleans).", 1,
-    {"value"}, {"Any"}, "str", value_body};
+    "_value",  "A default or a bound as a reader writes it (JSON spelling for booleans).",
+    1,         {"value"},
+    {"Any"},   "str",
+    value_body};
 
 }  // namespace registry_docs

@@ -28,22 +28,37 @@ const char kModuleDoc[] =
     "the list of problems.\n";
 
 const char* const kAll[] = {
-    "GeneratedFile",      "rules_block",   "skill_routes_block", "block_names",
-    "generated_files",    "cli_usage",     "mcp_cli_block",      "mcp_intro_block",
-    "mcp_overview_block", "mcp_params_block", "ordered_tools",    "readme_tools_block",
-    "render_file",        "skill_tools_block", "stale_blocks",   "write_blocks",
+    "GeneratedFile",      "rules_block",       "skill_routes_block", "block_names",
+    "generated_files",    "cli_usage",         "mcp_cli_block",      "mcp_intro_block",
+    "mcp_overview_block", "mcp_params_block",  "ordered_tools",      "readme_tools_block",
+    "render_file",        "skill_tools_block", "stale_blocks",       "write_blocks",
 };
 
 // The functions in the order the module body defines them: those before the record type...
 const FunctionDef* const kFunctionsBeforeRecord[] = {
-    &kOrderedTools,     &kTierTools,       &kCode,
-    &kCell,             &kRow,             &kTable,
-    &kValue,            &kActionsCell,     &kTierCounts,
-    &kCliUsage,         &kSkillToolsBlock, &kReadmeToolsBlock,
-    &kMcpIntroBlock,    &kMcpOverviewBlock, &kMcpCliBlock,
-    &kDefaultCell,      &kTypeCell,        &kDescriptionCell,
-    &kMcpParamsBlock,   &kSkillText,       &kLiteralText,
-    &kSkillRoutesBlock, &kRulesBlock,
+    &kOrderedTools,
+    &kTierTools,
+    &kCode,
+    &kCell,
+    &kRow,
+    &kTable,
+    &kValue,
+    &kActionsCell,
+    &kTierCounts,
+    &kCliUsage,
+    &kSkillToolsBlock,
+    &kReadmeToolsBlock,
+    &kMcpIntroBlock,
+    &kMcpOverviewBlock,
+    &kMcpCliBlock,
+    &kDefaultCell,
+    &kTypeCell,
+    &kDescriptionCell,
+    &kMcpParamsBlock,
+    &kSkillText,
+    &kLiteralText,
+    &kSkillRoutesBlock,
+    &kRulesBlock,
 };
 
 // ...and those after it.
@@ -71,8 +86,15 @@ bool bookkeeping(PyObject* module, PyObject* globals) {
     }
   }
   (void)module;
+  // A module body runs with `__builtins__` bound before its first statement.
+  if (!set(globals, "__cached__", Py_None)) return false;
+  Ref builtins_key = Ref::steal(PyUnicode_InternFromString("__builtins__"));
+  int has_builtins = builtins_key ? PyDict_Contains(globals, builtins_key.get()) : -1;
+  if (has_builtins < 0 || (!has_builtins && !set(globals, "__builtins__", PyEval_GetBuiltins()))) {
+    return false;
+  }
   Ref annotations = Ref::steal(PyDict_New());
-  return set(globals, "__cached__", Py_None) && set(globals, "__annotations__", annotations.get());
+  return set(globals, "__annotations__", annotations.get());
 }
 
 bool bind_functions(PyObject* module, PyObject* type, PyObject* marker,
@@ -164,4 +186,6 @@ PyModuleDef module_def = {
 }  // namespace
 }  // namespace registry_docs
 
-PyMODINIT_FUNC PyInit_registry_docs() { return PyModuleDef_Init(&registry_docs::module_def); }
+PyMODINIT_FUNC PyInit_registry_docs() {
+  return PyModuleDef_Init(&registry_docs::module_def);
+}

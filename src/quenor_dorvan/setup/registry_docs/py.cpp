@@ -13,7 +13,9 @@ TextWriter::~TextWriter() {
   if (!finished_) _PyUnicodeWriter_Dealloc(&writer_);
 }
 
-bool TextWriter::str(PyObject* text) { return _PyUnicodeWriter_WriteStr(&writer_, text) == 0; }
+bool TextWriter::str(PyObject* text) {
+  return _PyUnicodeWriter_WriteStr(&writer_, text) == 0;
+}
 
 bool TextWriter::ascii(const char* text, Py_ssize_t size) {
   return _PyUnicodeWriter_WriteASCIIString(&writer_, text, size) == 0;
@@ -24,7 +26,9 @@ bool TextWriter::substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
   return _PyUnicodeWriter_WriteSubstring(&writer_, text, start, end) == 0;
 }
 
-bool TextWriter::ch(Py_UCS4 c) { return _PyUnicodeWriter_WriteChar(&writer_, c) == 0; }
+bool TextWriter::ch(Py_UCS4 c) {
+  return _PyUnicodeWriter_WriteChar(&writer_, c) == 0;
+}
 
 Ref TextWriter::finish() {
   finished_ = true;
@@ -56,15 +60,17 @@ bool init_names() {
   return true;
 }
 
-PyObject* name(Id id) { return g_names[static_cast<int>(id)]; }
+PyObject* name(Id id) {
+  return g_names[static_cast<int>(id)];
+}
 
 Ref call_method(PyObject* obj, Id method, std::initializer_list<PyObject*> args) {
   PyObject* stack[8];  // callers pass at most 6 arguments
   stack[0] = obj;
   size_t n = 1;
   for (PyObject* arg : args) stack[n++] = arg;
-  return Ref::steal(PyObject_VectorcallMethod(name(method), stack, n | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                              nullptr));
+  return Ref::steal(
+      PyObject_VectorcallMethod(name(method), stack, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
 Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
@@ -72,13 +78,17 @@ Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
   stack[0] = nullptr;
   size_t n = 0;
   for (PyObject* arg : args) stack[1 + n++] = arg;
-  return Ref::steal(PyObject_Vectorcall(callable, stack + 1, n | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                        nullptr));
+  return Ref::steal(
+      PyObject_Vectorcall(callable, stack + 1, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
-Ref subscript(PyObject* obj, PyObject* key) { return Ref::steal(PyObject_GetItem(obj, key)); }
+Ref subscript(PyObject* obj, PyObject* key) {
+  return Ref::steal(PyObject_GetItem(obj, key));
+}
 
-Ref subscript(PyObject* obj, Id key) { return subscript(obj, name(key)); }
+Ref subscript(PyObject* obj, Id key) {
+  return subscript(obj, name(key));
+}
 
 Ref mapping_get(PyObject* mapping, Id key) {
   if (PyDict_CheckExact(mapping)) {
@@ -143,6 +153,8 @@ bool unpack_pair(PyObject* item, Ref& first, Ref& second) {
   return true;
 }
 
-Ref join(Id separator, PyObject* list) { return Ref::steal(PyUnicode_Join(name(separator), list)); }
+Ref join(Id separator, PyObject* list) {
+  return Ref::steal(PyUnicode_Join(name(separator), list));
+}
 
 }  // namespace registry_docs

@@ -61,115 +61,115 @@ class TextWriter {
 };
 
 // Interned names the code reads: module globals, attributes, mapping keys and fixed words.
-#define REGISTRY_DOCS_NAMES(X)                                         \
-  X(TOOLS, "TOOLS")                                                    \
-  X(TIERS, "_TIERS")                                                   \
-  X(NONE, "_NONE")                                                     \
-  X(MARKER, "_MARKER")                                                 \
-  X(QUENOR_INSTRUCTION_CONTENT, "QUENOR_INSTRUCTION_CONTENT")          \
-  X(without_markers, "without_markers")                                \
-  X(rules_table, "rules_table")                                        \
-  X(skill_table, "skill_table")                                        \
-  X(get_cli_schema, "get_cli_schema")                                  \
-  X(snake_to_kebab, "snake_to_kebab")                                  \
-  X(ENDPOINT_FRAMEWORKS, "ENDPOINT_FRAMEWORKS")                        \
-  X(GeneratedFile, "GeneratedFile")                                    \
-  X(ordered_tools, "ordered_tools")                                    \
-  X(tier_tools, "_tier_tools")                                         \
-  X(code, "_code")                                                     \
-  X(cell, "_cell")                                                     \
-  X(row, "_row")                                                       \
-  X(table, "_table")                                                   \
-  X(value, "_value")                                                   \
-  X(actions_cell, "_actions_cell")                                     \
-  X(tier_counts, "_tier_counts")                                       \
-  X(cli_usage, "cli_usage")                                            \
-  X(skill_tools_block, "skill_tools_block")                            \
-  X(readme_tools_block, "readme_tools_block")                          \
-  X(mcp_intro_block, "mcp_intro_block")                                \
-  X(mcp_overview_block, "mcp_overview_block")                          \
-  X(mcp_cli_block, "mcp_cli_block")                                    \
-  X(default_cell, "_default_cell")                                     \
-  X(type_cell, "_type_cell")                                           \
-  X(description_cell, "_description_cell")                             \
-  X(mcp_params_block, "mcp_params_block")                              \
-  X(skill_text, "_skill_text")                                         \
-  X(literal_text, "_literal_text")                                     \
-  X(skill_routes_block, "skill_routes_block")                          \
-  X(rules_block, "rules_block")                                        \
-  X(params_renderer, "_params_renderer")                               \
-  X(generated_files, "generated_files")                                \
-  X(block_names, "block_names")                                        \
-  X(render_file, "render_file")                                        \
-  X(read, "_read")                                                     \
-  X(stale_blocks, "stale_blocks")                                      \
-  X(blocks_, "_blocks")                                                \
-  X(write_blocks, "write_blocks")                                      \
-  X(name, "name")                                                      \
-  X(tier, "tier")                                                      \
-  X(summary, "summary")                                                \
-  X(mcp_text, "mcp_text")                                              \
-  X(action_names, "action_names")                                      \
-  X(actions, "actions")                                                \
-  X(all_params, "all_params")                                          \
-  X(required, "required")                                              \
-  X(default_, "default")                                               \
-  X(action_defaults, "action_defaults")                                \
-  X(applies_to, "applies_to")                                          \
-  X(values_text, "values_text")                                        \
-  X(path, "path")                                                      \
-  X(blocks, "blocks")                                                  \
-  X(encode, "encode")                                                  \
-  X(capitalize, "capitalize")                                          \
-  X(split, "split")                                                    \
-  X(replace, "replace")                                                \
-  X(strip, "strip")                                                    \
-  X(join, "join")                                                      \
-  X(get, "get")                                                        \
-  X(index, "index")                                                    \
-  X(values, "values")                                                  \
-  X(finditer, "finditer")                                              \
-  X(sub, "sub")                                                        \
-  X(read_text, "read_text")                                            \
-  X(write_bytes, "write_bytes")                                        \
-  X(encoding, "encoding")                                              \
-  X(utf_8, "utf-8")                                                    \
-  X(properties, "properties")                                          \
-  X(type, "type")                                                      \
-  X(items, "items")                                                    \
-  X(description, "description")                                        \
-  X(minimum, "minimum")                                                \
-  X(maximum, "maximum")                                                \
-  X(array, "array")                                                    \
-  X(open, "open")                                                      \
-  X(body, "body")                                                      \
-  X(close, "close")                                                    \
-  X(frameworks, "frameworks")                                          \
-  X(empty, "")                                                         \
-  X(space, " ")                                                        \
-  X(newline, "\n")                                                     \
-  X(comma, ", ")                                                       \
-  X(bar_sep, " | ")                                                    \
-  X(and_sep, " and ")                                                  \
-  X(bar, "|")                                                          \
-  X(escaped_bar, "\\|")                                                \
-  X(backslash, "\\")                                                   \
-  X(two_backslashes, "\\\\")                                           \
-  X(open_brace, "{")                                                   \
-  X(two_open_braces, "{{")                                             \
-  X(close_brace, "}")                                                  \
-  X(two_close_braces, "}}")                                            \
-  X(rule, "---")                                                       \
-  X(dunder_name, "__name__")                                           \
-  X(dunder_file, "__file__")                                           \
-  X(dunder_spec, "__spec__")                                           \
-  X(dunder_import, "__import__")                                       \
-  X(initializing, "_initializing")                                     \
-  X(endswith, "endswith")                                              \
-  X(dot, ".")                                                          \
-  X(yes, "Yes")                                                        \
-  X(no, "No")                                                          \
-  X(all, "all")                                                        \
+#define REGISTRY_DOCS_NAMES(X)                                \
+  X(TOOLS, "TOOLS")                                           \
+  X(TIERS, "_TIERS")                                          \
+  X(NONE, "_NONE")                                            \
+  X(MARKER, "_MARKER")                                        \
+  X(QUENOR_INSTRUCTION_CONTENT, "QUENOR_INSTRUCTION_CONTENT") \
+  X(without_markers, "without_markers")                       \
+  X(rules_table, "rules_table")                               \
+  X(skill_table, "skill_table")                               \
+  X(get_cli_schema, "get_cli_schema")                         \
+  X(snake_to_kebab, "snake_to_kebab")                         \
+  X(ENDPOINT_FRAMEWORKS, "ENDPOINT_FRAMEWORKS")               \
+  X(GeneratedFile, "GeneratedFile")                           \
+  X(ordered_tools, "ordered_tools")                           \
+  X(tier_tools, "_tier_tools")                                \
+  X(code, "_code")                                            \
+  X(cell, "_cell")                                            \
+  X(row, "_row")                                              \
+  X(table, "_table")                                          \
+  X(value, "_value")                                          \
+  X(actions_cell, "_actions_cell")                            \
+  X(tier_counts, "_tier_counts")                              \
+  X(cli_usage, "cli_usage")                                   \
+  X(skill_tools_block, "skill_tools_block")                   \
+  X(readme_tools_block, "readme_tools_block")                 \
+  X(mcp_intro_block, "mcp_intro_block")                       \
+  X(mcp_overview_block, "mcp_overview_block")                 \
+  X(mcp_cli_block, "mcp_cli_block")                           \
+  X(default_cell, "_default_cell")                            \
+  X(type_cell, "_type_cell")                                  \
+  X(description_cell, "_description_cell")                    \
+  X(mcp_params_block, "mcp_params_block")                     \
+  X(skill_text, "_skill_text")                                \
+  X(literal_text, "_literal_text")                            \
+  X(skill_routes_block, "skill_routes_block")                 \
+  X(rules_block, "rules_block")                               \
+  X(params_renderer, "_params_renderer")                      \
+  X(generated_files, "generated_files")                       \
+  X(block_names, "block_names")                               \
+  X(render_file, "render_file")                               \
+  X(read, "_read")                                            \
+  X(stale_blocks, "stale_blocks")                             \
+  X(blocks_, "_blocks")                                       \
+  X(write_blocks, "write_blocks")                             \
+  X(name, "name")                                             \
+  X(tier, "tier")                                             \
+  X(summary, "summary")                                       \
+  X(mcp_text, "mcp_text")                                     \
+  X(action_names, "action_names")                             \
+  X(actions, "actions")                                       \
+  X(all_params, "all_params")                                 \
+  X(required, "required")                                     \
+  X(default_, "default")                                      \
+  X(action_defaults, "action_defaults")                       \
+  X(applies_to, "applies_to")                                 \
+  X(values_text, "values_text")                               \
+  X(path, "path")                                             \
+  X(blocks, "blocks")                                         \
+  X(encode, "encode")                                         \
+  X(capitalize, "capitalize")                                 \
+  X(split, "split")                                           \
+  X(replace, "replace")                                       \
+  X(strip, "strip")                                           \
+  X(join, "join")                                             \
+  X(get, "get")                                               \
+  X(index, "index")                                           \
+  X(values, "values")                                         \
+  X(finditer, "finditer")                                     \
+  X(sub, "sub")                                               \
+  X(read_text, "read_text")                                   \
+  X(write_bytes, "write_bytes")                               \
+  X(encoding, "encoding")                                     \
+  X(utf_8, "utf-8")                                           \
+  X(properties, "properties")                                 \
+  X(type, "type")                                             \
+  X(items, "items")                                           \
+  X(description, "description")                               \
+  X(minimum, "minimum")                                       \
+  X(maximum, "maximum")                                       \
+  X(array, "array")                                           \
+  X(open, "open")                                             \
+  X(body, "body")                                             \
+  X(close, "close")                                           \
+  X(frameworks, "frameworks")                                 \
+  X(empty, "")                                                \
+  X(space, " ")                                               \
+  X(newline, "\n")                                            \
+  X(comma, ", ")                                              \
+  X(bar_sep, " | ")                                           \
+  X(and_sep, " and ")                                         \
+  X(bar, "|")                                                 \
+  X(escaped_bar, "\\|")                                       \
+  X(backslash, "\\")                                          \
+  X(two_backslashes, "\\\\")                                  \
+  X(open_brace, "{")                                          \
+  X(two_open_braces, "{{")                                    \
+  X(close_brace, "}")                                         \
+  X(two_close_braces, "}}")                                   \
+  X(rule, "---")                                              \
+  X(dunder_name, "__name__")                                  \
+  X(dunder_file, "__file__")                                  \
+  X(dunder_spec, "__spec__")                                  \
+  X(dunder_import, "__import__")                              \
+  X(initializing, "_initializing")                            \
+  X(endswith, "endswith")                                     \
+  X(dot, ".")                                                 \
+  X(yes, "Yes")                                               \
+  X(no, "No")                                                 \
+  X(all, "all")                                               \
   X(one_call, "*(one call)*")
 
 enum class Id {
@@ -184,7 +184,9 @@ bool init_names();
 // The interned str of a name (borrowed; the names live as long as the process).
 PyObject* name(Id id);
 
-inline Ref getattr(PyObject* obj, Id id) { return Ref::steal(PyObject_GetAttr(obj, name(id))); }
+inline Ref getattr(PyObject* obj, Id id) {
+  return Ref::steal(PyObject_GetAttr(obj, name(id)));
+}
 
 // Calls a method by name with positional arguments.
 Ref call_method(PyObject* obj, Id method, std::initializer_list<PyObject*> args);

@@ -26,8 +26,8 @@ Ref import_name(PyObject* from, PyObject* attr) {
   Ref path = Ref::steal(PyModule_GetFilenameObject(from));
   if (!path || !PyUnicode_Check(path.get())) {
     PyErr_Clear();
-    Ref message = Ref::steal(PyUnicode_FromFormat("cannot import name %R from %R (unknown location)",
-                                                  attr, shown.get()));
+    Ref message = Ref::steal(PyUnicode_FromFormat(
+        "cannot import name %R from %R (unknown location)", attr, shown.get()));
     if (message) PyErr_SetImportError(message.get(), package.get(), nullptr);
     return Ref();
   }
@@ -52,7 +52,8 @@ Ref import_name(PyObject* from, PyObject* attr) {
 bool import_from(PyObject* module, const char* module_name,
                  std::initializer_list<const char*> names) {
   PyObject* globals = PyModule_GetDict(module);
-  Ref importer = Ref::borrow(PyDict_GetItemWithError(PyEval_GetBuiltins(), name(Id::dunder_import)));
+  Ref importer =
+      Ref::borrow(PyDict_GetItemWithError(PyEval_GetBuiltins(), name(Id::dunder_import)));
   if (!importer) {
     if (!PyErr_Occurred()) PyErr_SetString(PyExc_ImportError, "__import__ not found");
     return false;

@@ -10,7 +10,8 @@ namespace registry_docs {
 bool import_host_names(PyObject* module);
 
 // Imports `from module_name import names...` into the module's namespace.
-bool import_from(PyObject* module, const char* module_name, std::initializer_list<const char*> names);
+bool import_from(PyObject* module, const char* module_name,
+                 std::initializer_list<const char*> names);
 
 // The tools of `TOOLS`, in registry order, as the iterator a for loop takes.
 Ref iter_tools(const Env& env);

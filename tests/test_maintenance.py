@@ -1,0 +1,348 @@
+"""Generated-file maintenance: the marker scanner, the catalogue, rendering a file, checking, writing."""
+
+import inspect
+import os
+import random
+import re
+import tempfile
+import time
+import unittest
+from pathlib import Path
+
+import support
+from support import docs, rebound
+
+MARKER = docs._MARKER
+NAMES = ["a", "b", "a:b", "x-1", "é", "٣", "ǅ", "Ⅻ", "_"]
+NOISE = ["\n", "\r\n", " ", "x", "<", "-->", "<!-- ", "<!-- registry:", "<!-- /registry:", " -->\n",
+         " -->", "·", "a b", ".", "\U0001f600", "\ud800", "é"]
+
+
+def block(name, body):
+    return f"<!-- registry:{name} -->\n{body}<!-- /registry:{name} -->"
+
+
+def random_text(rng):
+    parts = []
+    for _ in range(rng.randint(0, 12)):
+        kind, name = rng.random(), rng.choice(NAMES)
+        if kind < 0.2:
+            parts.append(block(name, rng.choice(["", "x\n", "<!-- registry:a -->\n", "\r\n"])))
+        elif kind < 0.4:
+            parts.append(f"<!-- registry:{name} -->\n")
+        elif kind < 0.6:
+            parts.append(f"<!-- /registry:{name} -->")
+        elif kind < 0.65:
+            parts.append(f"<!-- registry:{name} -->\r\n")
+        else:
+            parts.append(rng.choice(NOISE))
+    return "".join(parts)
+
+
+def reference_render_file(text, generated):
+    """render_file as the module's Python source states it, on the same `_MARKER`."""
+    pairs = [(name, renderer) for name, renderer in generated.blocks]
+    expected = [name for name, _ in pairs]
+    found = [match["name"] for match in MARKER.finditer(text)]
+    if sorted(found) != sorted(expected) or len(set(found)) != len(found):
+        missing = sorted(set(expected) - set(found))
+        unknown = sorted(set(found) - set(expected))
+        repeated = sorted({name for name in found if found.count(name) > 1})
+        raise ValueError(f"{generated.path}: the markers do not match the blocks it holds "
+                         f"(missing {missing}, unknown {unknown}, repeated {repeated})")
+    renderers = dict(pairs)
+    return MARKER.sub(lambda match: match["open"] + generated.encode(renderers[match["name"]]()) + "\n"
+                      + match["close"], text)
+
+
+def outcome(function, *args):
+    try:
+        return function(*args)
+    except Exception as error:  # compared, not hidden: the test asserts both sides are equal
+        return type(error), str(error)
+
+
+class ScannerTest(unittest.TestCase):
+    def test_agrees_with_the_pattern(self):
+        rng = random.Random(7)
+        with_blocks = 0
+        for _ in range(4000):
+            text = random_text(rng)
+            names = [match["name"] for match in MARKER.finditer(text)]
+            with_blocks += bool(names)
+            self.assertEqual(docs.block_names(text), names, repr(text))
+            bodies = {match["name"]: match["body"] for match in MARKER.finditer(text)}
+            self.assertEqual(list(docs._blocks(text).items()), list(bodies.items()), repr(text))
+            # render_file: declared names as found, or one dropped or one added at random.
+            declared = list(dict.fromkeys(names))
+            rng.shuffle(declared)
+            if declared and rng.random() < 0.2:
+                declared.pop()
+            elif rng.random() < 0.1:
+                declared.append("extra")
+            generated = docs.GeneratedFile(
+                "f.md", tuple((name, lambda name=name: f"{name}\\1\\g<name>") for name in declared),
+                lambda rendered: rendered[::-1])
+            self.assertEqual(outcome(docs.render_file, text, generated),
+                             outcome(reference_render_file, text, generated), repr(text))
+        self.assertGreater(with_blocks, 1000)
+
+    def test_linear_on_unclosed_opens(self):
+        text = "<!-- registry:b -->\n" * 20000 + block("a", "x\n")
+        start = time.perf_counter()
+        self.assertEqual(docs.block_names(text), ["a"])  # the pattern's own engine: over a minute
+        self.assertLess(time.perf_counter() - start, 1.0)
+
+    def test_non_str_and_rebound_pattern(self):
+        with self.assertRaises(TypeError) as expected:
+            list(MARKER.finditer(b"x"))
+        for function in (docs.block_names, docs._blocks):
+            with self.assertRaises(TypeError) as caught:
+                function(b"x")
+            self.assertEqual(str(caught.exception), str(expected.exception))
+        other = re.compile(r"(?P<open>\[\[(?P<name>\w+)\]\]\n)(?P<body>.*?)(?P<close>\[\[/(?P=name)\]\])",
+                           re.S)
+        text = "[[q]]\nold[[/q]] " + block("a", "kept\n")
+        generated = docs.GeneratedFile("f.md", (("q", lambda: "\\g<0>"),), str.upper)
+        with rebound(_MARKER=other):
+            self.assertEqual(docs.block_names(text), ["q"])
+            self.assertEqual(docs._blocks(text), {"q": "old"})
+            self.assertEqual(docs.render_file(text, generated),
+                             "[[q]]\n\\G<0>\n[[/q]] " + block("a", "kept\n"))
+        # A rebound block_names decides what the file is checked against.
+        with rebound(block_names=lambda text: ["q"]):
+            self.assertEqual(docs.render_file("plain", generated), "plain")
+
+
+class RenderFileTest(unittest.TestCase):
+    def test_markers_must_match_the_record(self):
+        calls = []
+
+        def renderer(name):
+            return lambda: calls.append(name) or f"<{name}>"
+
+        def failure(text, *names):
+            generated = docs.GeneratedFile("README.md", tuple((name, renderer(name)) for name in names))
+            with self.assertRaises(ValueError) as caught:
+                docs.render_file(text, generated)
+            return str(caught.exception)
+
+        prefix = "README.md: the markers do not match the blocks it holds "
+        self.assertEqual(failure(block("extra", ""), "readme-tools"),
+                         prefix + "(missing ['readme-tools'], unknown ['extra'], repeated [])")
+        self.assertEqual(failure(block("a", ""), "a", "a"), prefix + "(missing [], unknown [], repeated [])")
+        self.assertEqual(failure(block("b", "") + block("a", "") + block("b", ""), "a", "b", "c"),
+                         prefix + "(missing ['c'], unknown [], repeated ['b'])")
+        self.assertEqual(failure(block("a", "") + block("a", ""), "a", "a"),
+                         prefix + "(missing [], unknown [], repeated ['a'])")
+        self.assertEqual(calls, [])
+
+        text = "head\n" + block("b", "old\n") + "\nmid\n" + block("a", "") + "\ntail"
+        generated = docs.GeneratedFile("f.md", (("a", renderer("a")), ("b", renderer("b"))), str.upper)
+        self.assertEqual(docs.render_file(text, generated),
+                         "head\n" + block("b", "<B>\n") + "\nmid\n" + block("a", "<A>\n") + "\ntail")
+        self.assertEqual(calls, ["b", "a"])
+        literal = docs.GeneratedFile("f.md", (("a", lambda: r"\1 \g<name> \n"),))
+        self.assertEqual(docs.render_file(block("a", ""), literal), block("a", "\\1 \\g<name> \\n\n"))
+
+    def test_reads_in_the_order_of_the_expression(self):
+        log = []
+
+        class Record:
+            path, blocks = "f.md", (("a", lambda: log.append("render a") or "a"),
+                                    ("b", lambda: log.append("render b") or "b"))
+
+            @property
+            def encode(self):
+                log.append("encode")
+                return Suffix
+
+        class Suffix(str):  # `str + Suffix(...)` reaches its __radd__
+            def __radd__(self, other):
+                return f"{other}<{self}>"
+
+        text = block("b", "") + "\n" + block("a", "")
+        self.assertEqual(docs.render_file(text, Record()), reference_render_file(text, Record()))
+        self.assertEqual(log, ["encode", "render b", "encode", "render a"] * 2)
+
+    def test_malformed_records_and_renderers(self):
+        def error(blocks, encode=str, text=block("a", "")):
+            with self.assertRaises((TypeError, ValueError)) as caught:
+                docs.render_file(text, docs.GeneratedFile("f.md", blocks, encode))
+            return type(caught.exception), str(caught.exception)
+
+        self.assertEqual(error((("a",),)),
+                         (ValueError, "not enough values to unpack (expected 2, got 1)"))
+        self.assertEqual(error((("a", str, 1),)), (ValueError, "too many values to unpack (expected 2)"))
+        self.assertEqual(error((5,)), (TypeError, "cannot unpack non-iterable int object"))
+        self.assertEqual(error((("a", lambda: "x"),), encode=len),
+                         (TypeError, 'can only concatenate str (not "int") to str'))
+        with rebound(block_names=lambda text: ["a"]), self.assertRaises(KeyError) as caught:
+            docs.render_file(block("b", ""), docs.GeneratedFile("f.md", (("a", str),)))
+        self.assertEqual(caught.exception.args, ("b",))
+
+
+class CatalogueTest(unittest.TestCase):
+    def test_generated_files(self):
+        tools = [support.tool("zeta", "extended"), support.tool("alpha"), support.tool("mid")]
+        rendered = []
+        with rebound(TOOLS=tools, mcp_params_block=lambda tool: rendered.append(tool) or tool.name):
+            files = docs.generated_files()
+            self.assertEqual(rendered, [])  # building the catalogue renders nothing
+            self.assertEqual([(f.path, [name for name, _ in f.blocks], f.encode) for f in files], [
+                ("src/quenor_dorvan/setup/skill_text.py", ["skill-routes", "skill-tools"], docs._skill_text),
+                ("src/quenor_dorvan/setup/config.py", ["rules-routes"], docs._literal_text),
+                ("docs/claude-instructions-template.md", ["rules-block"], str),
+                ("README.md", ["readme-tools"], str),
+                ("docs/mcp-tools.md", ["mcp-intro", "mcp-overview", "mcp-cli", "params:alpha", "params:mid",
+                                       "params:zeta"], str)])
+            self.assertEqual([r for _, r in files[0].blocks], [docs.skill_routes_block, docs.skill_tools_block])
+            self.assertIs(files[1].blocks[0][1], docs.rules_table)
+            renderers = [r for _, r in files[4].blocks[3:]]
+            self.assertEqual([r() for r in renderers], ["alpha", "mid", "zeta"])
+        with rebound(mcp_params_block=lambda tool: f"again {tool.name}"):
+            self.assertEqual(renderers[2](), "again zeta")  # looked up at each call
+        self.assertEqual((renderers[0].__name__, renderers[0].__qualname__, renderers[0].__doc__),
+                         ("render", "_params_renderer.<locals>.render", None))
+        with rebound(GeneratedFile=lambda *args: args[0], ordered_tools=lambda: iter([support.tool("only")])):
+            self.assertEqual(docs.generated_files(), ("src/quenor_dorvan/setup/skill_text.py",
+                                                      "src/quenor_dorvan/setup/config.py",
+                                                      "docs/claude-instructions-template.md", "README.md",
+                                                      "docs/mcp-tools.md"))
+
+    def test_docstrings(self):
+        def render_file():
+            """The text with each of its generated blocks rendered anew from the registry.
+
+            Raises:
+                ValueError: The text lacks a block the file must hold, holds one twice, or holds one the file does not declare.
+            """
+
+        def write_blocks():
+            """Render every generated block anew and write the files that changed.
+
+            Args:
+                root: The repository's root.
+
+            Returns:
+                The paths of the files written, relative to the root.
+
+            Raises:
+                ValueError: A file's markers are wrong; nothing is written then.
+            """
+
+        for reference in (render_file, write_blocks):
+            self.assertEqual(inspect.getdoc(getattr(docs, reference.__name__)), inspect.getdoc(reference))
+        self.assertTrue(docs.stale_blocks.__doc__.startswith(
+            "The generated files whose blocks differ from what the registry renders, one line each.\n"))
+
+
+class FilesTest(unittest.TestCase):
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.root = Path(directory.name)
+
+    def write(self, path, content):
+        file = self.root / path
+        file.parent.mkdir(parents=True, exist_ok=True)
+        file.write_bytes(content if isinstance(content, bytes) else content.encode())
+        os.utime(file, ns=(10**18, 10**18))
+
+    def snapshot(self):
+        return {str(p.relative_to(self.root)): (p.read_bytes(), p.stat().st_mtime_ns)
+                for p in sorted(self.root.rglob("*")) if p.is_file()}
+
+    def record(self, path, *names, render=lambda name: f"new {name}"):
+        return docs.GeneratedFile(path, tuple((name, lambda name=name: render(name)) for name in names))
+
+    def run_both(self, catalogue):
+        with rebound(generated_files=lambda: catalogue):
+            problems = docs.stale_blocks(self.root)
+            before = self.snapshot()
+            return problems, before, docs.write_blocks(self.root)
+
+    def test_check_and_write(self):
+        current = "# R\n" + block("a", "new a\n") + "\n" + block("b", "new b\n") + "\n"
+        self.write("README.md", current)
+        self.write("docs/x.md", current.replace("\n", "\r\n"))
+        self.write("docs/bom.md", "\ufeff" + block("c", "new c\n"))
+        catalogue = (self.record("README.md", "a", "b"), self.record("docs/x.md", "a", "b"),
+                     self.record("docs/bom.md", "c"))
+        problems, before, written = self.run_both(catalogue)
+        self.assertEqual((problems, written), ([], []))
+        self.assertEqual(self.snapshot(), before)
+        self.assertEqual(docs._read(self.root, catalogue[1]), current)
+
+        self.write("README.md", "# R\n" + block("a", "old\n") + "\n" + block("b", "new b\n") + "\n")
+        self.write("docs/x.md", "\r\n".join(["", block("b", "x\r\n"), block("a", "y\r\n"), "\r"]))
+        self.write("docs/bom.md", "\ufeff" + block("c", "old\n"))
+        problems, before, written = self.run_both(catalogue)
+        self.assertEqual(problems, ["README.md: blocks out of date: a", "docs/x.md: blocks out of date: b, a",
+                                    "docs/bom.md: blocks out of date: c"])
+        self.assertEqual(written, ["README.md", "docs/x.md", "docs/bom.md"])
+        self.assertEqual((self.root / "README.md").read_bytes(), current.encode())
+        self.assertEqual((self.root / "docs/x.md").read_bytes(),
+                         ("\n" + block("b", "new b\n") + "\n" + block("a", "new a\n") + "\n\n").encode())
+        self.assertEqual((self.root / "docs/bom.md").read_bytes(),
+                         ("\ufeff" + block("c", "new c\n")).encode())
+        with rebound(generated_files=lambda: catalogue):
+            self.assertEqual(docs.stale_blocks(self.root), [])
+
+    def test_wrong_markers_stop_the_writer(self):
+        self.write("one.md", block("a", "old\n"))
+        self.write("two.md", block("a", "") + block("a", ""))
+        self.write("three.md", block("c", "old\n"))
+        catalogue = (self.record("one.md", "a"), self.record("two.md", "a"), self.record("three.md", "c"))
+        before = self.snapshot()
+        with rebound(generated_files=lambda: catalogue):
+            self.assertEqual(docs.stale_blocks(self.root), [
+                "one.md: blocks out of date: a",
+                "two.md: the markers do not match the blocks it holds (missing [], unknown [], repeated ['a'])",
+                "three.md: blocks out of date: c"])
+            with self.assertRaises(ValueError) as caught:
+                docs.write_blocks(self.root)
+        self.assertEqual(str(caught.exception), "two.md: the markers do not match the blocks it holds "
+                                                "(missing [], unknown [], repeated ['a'])")
+        self.assertEqual(self.snapshot(), before)
+
+    def test_errors_pass_through(self):
+        self.write("one.md", block("a", "old\n"))
+        self.write("bad.md", b"\xff" + block("a", "").encode())
+        for missing, error in [("gone.md", FileNotFoundError), ("bad.md", UnicodeDecodeError)]:
+            catalogue = (self.record("one.md", "a"), self.record(missing, "a"))
+            with rebound(generated_files=lambda: catalogue):
+                self.assertRaises(error, docs.stale_blocks, self.root)
+                self.assertRaises(error, docs.write_blocks, self.root)
+        with rebound(generated_files=lambda: (self.record("one.md", "a", render=lambda name: 1 / 0),)):
+            self.assertRaises(ZeroDivisionError, docs.stale_blocks, self.root)
+        surrogate = (self.record("one.md", "a"), self.record("bad.md", "a", render=lambda name: "\ud800"))
+        self.write("bad.md", block("a", ""))
+        before = self.snapshot()
+        with rebound(generated_files=lambda: surrogate):
+            self.assertEqual(docs.stale_blocks(self.root), ["one.md: blocks out of date: a",
+                                                            "bad.md: blocks out of date: a"])
+            self.assertRaises(UnicodeEncodeError, docs.write_blocks, self.root)
+            self.assertEqual(self.snapshot(), before)
+            for function in (docs.stale_blocks, docs.write_blocks):
+                with self.assertRaises(TypeError) as caught:
+                    function(str(self.root))
+                self.assertEqual(str(caught.exception), "unsupported operand type(s) for /: 'str' and 'str'")
+
+    def test_writer_reads_every_file_twice_before_writing(self):
+        self.write("one.md", block("a", "old\n"))
+        self.write("two.md", block("a", "new a\n"))
+        catalogue = (self.record("one.md", "a"), self.record("two.md", "a"))
+        reads, native = [], docs._read
+
+        def read(root, generated):
+            reads.append((generated.path, (root / "one.md").read_text()))
+            return native(root, generated)
+
+        with rebound(generated_files=lambda: catalogue, _read=read):
+            self.assertEqual(docs.write_blocks(self.root), ["one.md"])
+        self.assertEqual(reads, [(p, block("a", "old\n")) for p in ("one.md", "two.md", "one.md", "two.md")])
+
+
+if __name__ == "__main__":
+    unittest.main()
