@@ -40,6 +40,12 @@ class Text {
     ok_ = text && out_.str(text.get());
     return *this;
   }
+  // A text format() has made already (an f-string formats each field as it reaches it).
+  Text& formatted(PyObject* text) {
+    if (!ok_) return *this;
+    ok_ = text && out_.str(text);
+    return *this;
+  }
   Text& number(Py_ssize_t n) {
     if (!ok_) return *this;
     if (n < 0) {
@@ -123,8 +129,11 @@ class ReadmeRows : public ToolRows {
   Ref cell(const Env& env, PyObject* tool, int column) override {
     switch (column) {
       case 0: {
+        // `"**" + tier + "**"`: concatenated with `+`, not formatted.
         Ref tier = tier_capitalized(tool);
-        return tier ? Text().lit("**").value(tier.get()).lit("**").finish() : Ref();
+        Ref stars = tier ? Ref::steal(PyUnicode_FromString("**")) : Ref();
+        Ref opened = stars ? Ref::steal(PyNumber_Add(stars.get(), tier.get())) : Ref();
+        return opened ? Ref::steal(PyNumber_Add(opened.get(), stars.get())) : Ref();
       }
       case 1: {
         Ref tool_name = getattr(tool, Id::name);
@@ -325,13 +334,14 @@ Ref mcp_intro_block_body(const Env& env, PyObject* const*) {
 // "- **Core** (8 tools): `a`, `b`": one tier's line of the overview.
 Ref tier_line(const Env& env, PyObject* tier) {
   Ref title = capitalized(tier);
-  if (!title) return Ref();
+  Ref shown = title ? format_text(title.get()) : Ref();
+  if (!shown) return Ref();
   Ref counted = call_global(env, Id::tier_tools, {tier});
   if (!counted) return Ref();
   Py_ssize_t count = PyObject_Size(counted.get());
   if (count < 0) return Ref();
   Ref prefix =
-      Text().lit("- **").value(title.get()).lit("** (").number(count).lit(" tools): ").finish();
+      Text().lit("- **").formatted(shown.get()).lit("** (").number(count).lit(" tools): ").finish();
   if (!prefix) return Ref();
   Ref listed = call_global(env, Id::tier_tools, {tier});
   if (!listed) return Ref();
@@ -410,9 +420,11 @@ Ref default_cell_body(const Env& env, PyObject* const* args) {
   while (Ref pair = Ref::steal(PyIter_Next(iterator.get()))) {
     Ref action, action_value;
     if (!unpack_pair(pair.get(), action, action_value)) return Ref();
+    Ref action_text = format_text(action.get());
+    if (!action_text) return Ref();
     Ref spelled = call_global(env, Id::value, {action_value.get()});
     if (!spelled) return Ref();
-    Ref piece = Text().value(action.get()).lit(": ").value(spelled.get()).finish();
+    Ref piece = Text().formatted(action_text.get()).lit(": ").value(spelled.get()).finish();
     if (!piece || PyList_Append(pieces.get(), piece.get()) < 0) return Ref();
   }
   if (PyErr_Occurred()) return Ref();
@@ -484,12 +496,13 @@ Ref bound_sentence(const Env& env, PyObject* prop) {
   bool has_high = high.get() != Py_None;
   if (has_low && has_high) {
     Ref low_text = call_global(env, Id::value, {low.get()});
-    if (!low_text) return Ref();
+    Ref low_shown = low_text ? format_text(low_text.get()) : Ref();
+    if (!low_shown) return Ref();
     Ref high_text = call_global(env, Id::value, {high.get()});
     if (!high_text) return Ref();
     return Text()
         .lit("Range: ")
-        .value(low_text.get())
+        .formatted(low_shown.get())
         .lit("-")
         .value(high_text.get())
         .lit(".")
@@ -638,19 +651,23 @@ Ref skill_routes_block_body(const Env& env, PyObject* const*) {
   return call_found(table.get(), {facts.get()});
 }
 
-// Each marked block of the rules text gets a fresh routing table.
+// Each marked block of the rules text gets a fresh routing table. It is joined to the markers
+// with `+` by replace_blocks, so a table that is no str meets the operator's own dispatch.
 Ref routes_for_block(const Env& env) {
-  Ref table = call_global(env, Id::rules_table, {});
-  if (table && !check_concat(table.get())) return Ref();
-  return table;
+  return call_global(env, Id::rules_table, {});
 }
 
 Ref rules_block_body(const Env& env, PyObject* const*) {
   Ref strip_markers = lookup(env, Id::without_markers);
   if (!strip_markers) return Ref();
+  // `_MARKER.sub` is evaluated before its argument: a missing `_MARKER`, or a rebound one without
+  // `sub`, fails before the content is looked up.
+  Ref marker = lookup(env, Id::MARKER);
+  if (!marker) return Ref();
+  if (marker.get() != env.marker && !getattr(marker.get(), Id::sub)) return Ref();
   Ref content = lookup(env, Id::QUENOR_INSTRUCTION_CONTENT);
   if (!content) return Ref();
-  Ref rendered = replace_blocks(env, content.get(),
+  Ref rendered = replace_blocks(env, marker.get(), content.get(),
                                 [&env](const BlockMatch&) { return routes_for_block(env); });
   if (!rendered) return Ref();
   Ref plain = call_found(strip_markers.get(), {rendered.get()});

@@ -13,7 +13,8 @@ namespace registry_docs {
 namespace {
 
 struct FunctionObject {
-  PyObject_HEAD vectorcallfunc vectorcall;
+  PyObject ob_base;
+  vectorcallfunc vectorcall;
   const FunctionDef* def;
   PyObject* module;
   PyObject* globals;

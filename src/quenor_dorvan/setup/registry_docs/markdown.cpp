@@ -140,12 +140,15 @@ Ref value_body(const Env& env, PyObject* const* args) {
 // The lazy rows a replaced `_table` or `_row` reads: each row's cells are computed as it reads
 // them.
 struct RowsObject {
-  PyObject_HEAD RowSource* source;
+  PyObject ob_base;
+  RowSource* source;
   PyObject* module;
+  bool done;  // ended or raised: like a generator, it yields nothing more
 };
 
 struct RowObject {
-  PyObject_HEAD PyObject* rows;  // the RowsObject that owns the source
+  PyObject ob_base;
+  PyObject* rows;  // the RowsObject that owns the source
   PyObject* state;
   int column;
 };
@@ -181,11 +184,14 @@ void rows_dealloc(PyObject* self) {
 
 PyObject* rows_next(PyObject* self) {
   auto* rows = reinterpret_cast<RowsObject*>(self);
-  if (!rows->source) return nullptr;
+  if (!rows->source || rows->done) return nullptr;
   Ref state;
   // The source may run host code; keep it alive while it does.
   Ref keep = Ref::borrow(self);
-  if (!rows->source->next_row(env_of_module(rows->module), state)) return nullptr;
+  if (!rows->source->next_row(env_of_module(rows->module), state)) {
+    rows->done = true;
+    return nullptr;
+  }
   auto* row = PyObject_GC_New(RowObject, g_row_type);
   if (!row) return nullptr;
   row->rows = Ref::borrow(self).release();
@@ -226,7 +232,10 @@ PyObject* row_next(PyObject* self) {
   auto* owner = reinterpret_cast<RowsObject*>(rows.get());
   if (!owner->source || row->column >= owner->source->columns()) return nullptr;
   int column = row->column++;
-  return owner->source->cell(env_of_module(owner->module), state.get(), column).release();
+  Ref cell = owner->source->cell(env_of_module(owner->module), state.get(), column);
+  // A row that raised is finished, as a generator is.
+  if (!cell) row->column = owner->source->columns();
+  return cell.release();
 }
 
 PyType_Slot rows_slots[] = {
@@ -266,6 +275,7 @@ Ref make_rows(const Env& env, std::unique_ptr<RowSource> source) {
   if (!rows) return Ref();
   rows->source = source.release();
   rows->module = Ref::borrow(env.module).release();
+  rows->done = false;
   PyObject_GC_Track(reinterpret_cast<PyObject*>(rows));
   return Ref::steal(reinterpret_cast<PyObject*>(rows));
 }
