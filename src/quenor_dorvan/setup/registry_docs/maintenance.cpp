@@ -441,74 +441,73 @@ bool append_params_blocks(const Env& env, PyObject* blocks) {
   return !PyErr_Occurred();
 }
 
+// The catalogue's files: path, fixed blocks (name and renderer), encoder (the record's default
+// when absent) and whether the per-tool parameter blocks follow the fixed ones.
+struct CatalogueEntry {
+  const char* path;
+  std::pair<const char*, Id> blocks[3];
+  int block_count;
+  bool has_encode;
+  Id encode;
+  bool params_blocks;
+};
+
+const CatalogueEntry kCatalogue[] = {
+    {"src/quenor_dorvan/setup/skill_text.py",
+     {{"skill-routes", Id::skill_routes_block}, {"skill-tools", Id::skill_tools_block}},
+     2,
+     true,
+     Id::skill_text,
+     false},
+    {"src/quenor_dorvan/setup/config.py",
+     {{"rules-routes", Id::rules_table}},
+     1,
+     true,
+     Id::literal_text,
+     false},
+    {"docs/claude-instructions-template.md",
+     {{"rules-block", Id::rules_block}},
+     1,
+     false,
+     Id::literal_text,
+     false},
+    {"README.md", {{"readme-tools", Id::readme_tools_block}}, 1, false, Id::literal_text, false},
+    {"docs/mcp-tools.md",
+     {{"mcp-intro", Id::mcp_intro_block},
+      {"mcp-overview", Id::mcp_overview_block},
+      {"mcp-cli", Id::mcp_cli_block}},
+     3,
+     false,
+     Id::literal_text,
+     true},
+};
+
+// One record, its names looked up in the order the call `GeneratedFile(path, blocks, encode)`
+// evaluates them.
+Ref catalogue_record(const Env& env, const CatalogueEntry& entry) {
+  Ref record = lookup(env, Id::GeneratedFile);
+  if (!record) return Ref();
+  Ref blocks = Ref::steal(PyList_New(0));
+  if (!blocks) return Ref();
+  for (int i = 0; i < entry.block_count; ++i) {
+    Ref pair = declared_block(env, entry.blocks[i].first, entry.blocks[i].second);
+    if (!pair || PyList_Append(blocks.get(), pair.get()) < 0) return Ref();
+  }
+  if (entry.params_blocks && !append_params_blocks(env, blocks.get())) return Ref();
+  Ref tuple = Ref::steal(PyList_AsTuple(blocks.get()));
+  if (!tuple) return Ref();
+  if (!entry.has_encode) return make_record(record.get(), entry.path, tuple.get(), nullptr);
+  Ref encode = lookup(env, entry.encode);
+  return encode ? make_record(record.get(), entry.path, tuple.get(), encode.get()) : Ref();
+}
+
 Ref generated_files_body(const Env& env, PyObject* const*) {
-  Ref files = Ref::steal(PyTuple_New(5));
+  Ref files = Ref::steal(PyTuple_New(std::size(kCatalogue)));
   if (!files) return Ref();
-  auto set_file = [&](Py_ssize_t index, Ref file) {
-    if (!file) return false;
-    PyTuple_SET_ITEM(files.get(), index, file.release());
-    return true;
-  };
-  {
-    Ref record = lookup(env, Id::GeneratedFile);
-    if (!record) return Ref();
-    Ref routes = declared_block(env, "skill-routes", Id::skill_routes_block);
-    Ref tools = routes ? declared_block(env, "skill-tools", Id::skill_tools_block) : Ref();
-    Ref blocks = tools ? Ref::steal(PyTuple_Pack(2, routes.get(), tools.get())) : Ref();
-    Ref encode = blocks ? lookup(env, Id::skill_text) : Ref();
-    if (!encode || !set_file(0, make_record(record.get(), "src/quenor_dorvan/setup/skill_text.py",
-                                            blocks.get(), encode.get()))) {
-      return Ref();
-    }
-  }
-  {
-    Ref record = lookup(env, Id::GeneratedFile);
-    if (!record) return Ref();
-    Ref routes = declared_block(env, "rules-routes", Id::rules_table);
-    Ref blocks = routes ? Ref::steal(PyTuple_Pack(1, routes.get())) : Ref();
-    Ref encode = blocks ? lookup(env, Id::literal_text) : Ref();
-    if (!encode || !set_file(1, make_record(record.get(), "src/quenor_dorvan/setup/config.py",
-                                            blocks.get(), encode.get()))) {
-      return Ref();
-    }
-  }
-  {
-    Ref record = lookup(env, Id::GeneratedFile);
-    if (!record) return Ref();
-    Ref rules = declared_block(env, "rules-block", Id::rules_block);
-    Ref blocks = rules ? Ref::steal(PyTuple_Pack(1, rules.get())) : Ref();
-    if (!blocks || !set_file(2, make_record(record.get(), "docs/claude-instructions-template.md",
-                                            blocks.get(), nullptr))) {
-      return Ref();
-    }
-  }
-  {
-    Ref record = lookup(env, Id::GeneratedFile);
-    if (!record) return Ref();
-    Ref readme = declared_block(env, "readme-tools", Id::readme_tools_block);
-    Ref blocks = readme ? Ref::steal(PyTuple_Pack(1, readme.get())) : Ref();
-    if (!blocks || !set_file(3, make_record(record.get(), "README.md", blocks.get(), nullptr))) {
-      return Ref();
-    }
-  }
-  {
-    Ref record = lookup(env, Id::GeneratedFile);
-    if (!record) return Ref();
-    Ref blocks = Ref::steal(PyList_New(0));
-    if (!blocks) return Ref();
-    const std::pair<const char*, Id> fixed[] = {{"mcp-intro", Id::mcp_intro_block},
-                                                {"mcp-overview", Id::mcp_overview_block},
-                                                {"mcp-cli", Id::mcp_cli_block}};
-    for (const auto& [block_name, renderer] : fixed) {
-      Ref pair = declared_block(env, block_name, renderer);
-      if (!pair || PyList_Append(blocks.get(), pair.get()) < 0) return Ref();
-    }
-    if (!append_params_blocks(env, blocks.get())) return Ref();
-    Ref tuple = Ref::steal(PyList_AsTuple(blocks.get()));
-    if (!tuple ||
-        !set_file(4, make_record(record.get(), "docs/mcp-tools.md", tuple.get(), nullptr))) {
-      return Ref();
-    }
+  for (size_t i = 0; i < std::size(kCatalogue); ++i) {
+    Ref file = catalogue_record(env, kCatalogue[i]);
+    if (!file) return Ref();
+    PyTuple_SET_ITEM(files.get(), static_cast<Py_ssize_t>(i), file.release());
   }
   return files;
 }
