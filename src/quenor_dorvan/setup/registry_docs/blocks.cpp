@@ -274,6 +274,17 @@ class ParamRows : public RowSource {
   bool has_actions_;
 };
 
+// A body made of one line, an empty line and a table.
+Ref line_then_table(const Env& env, PyObject* line, PyObject* header,
+                    std::unique_ptr<RowSource> rows) {
+  LineJoiner out;
+  if (!out.line(line) || !out.line(name(Id::empty)) ||
+      !write_table(env, out, header, std::move(rows))) {
+    return Ref();
+  }
+  return out.finish();
+}
+
 Ref skill_tools_block_body(const Env& env, PyObject* const*) {
   Ref tools = iter_ordered_tools(env);
   if (!tools) return Ref();
@@ -284,12 +295,8 @@ Ref skill_tools_block_body(const Env& env, PyObject* const*) {
                     .finish();
   Ref header = header_of({"Tool", "Actions", "Use for"});
   if (!heading || !header) return Ref();
-  LineJoiner out;
-  if (!out.line(heading.get()) || !out.line(name(Id::empty)) ||
-      !write_table(env, out, header.get(), std::make_unique<SkillRows>(std::move(tools)))) {
-    return Ref();
-  }
-  return out.finish();
+  return line_then_table(env, heading.get(), header.get(),
+                         std::make_unique<SkillRows>(std::move(tools)));
 }
 
 Ref readme_tools_block_body(const Env& env, PyObject* const*) {
@@ -307,12 +314,8 @@ Ref readme_tools_block_body(const Env& env, PyObject* const*) {
                  .finish();
   Ref header = header_of({"Tier", "Tool", "Actions", "Purpose"});
   if (!line || !header) return Ref();
-  LineJoiner out;
-  if (!out.line(line.get()) || !out.line(name(Id::empty)) ||
-      !write_table(env, out, header.get(), std::make_unique<ReadmeRows>(std::move(tools)))) {
-    return Ref();
-  }
-  return out.finish();
+  return line_then_table(env, line.get(), header.get(),
+                         std::make_unique<ReadmeRows>(std::move(tools)));
 }
 
 Ref mcp_intro_block_body(const Env& env, PyObject* const*) {
@@ -345,17 +348,7 @@ Ref tier_line(const Env& env, PyObject* tier) {
   if (!prefix) return Ref();
   Ref listed = call_global(env, Id::tier_tools, {tier});
   if (!listed) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(listed.get()));
-  Ref spans = Ref::steal(PyList_New(0));
-  if (!iterator || !spans) return Ref();
-  while (Ref tool = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref tool_name = getattr(tool.get(), Id::name);
-    if (!tool_name) return Ref();
-    Ref span = call_global(env, Id::code, {tool_name.get()});
-    if (!span || PyList_Append(spans.get(), span.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  Ref names = join(Id::comma, spans.get());
+  Ref names = code_spans(env, listed.get(), Id::comma, true);
   return names ? Ref::steal(PyUnicode_Concat(prefix.get(), names.get())) : Ref();
 }
 
@@ -397,12 +390,8 @@ Ref mcp_cli_block_body(const Env& env, PyObject* const*) {
       "their full texts and `quenor-dorvan query --schema` prints them all as JSON Schema."));
   Ref header = header_of({"Tool", "CLI usage"});
   if (!note || !header) return Ref();
-  LineJoiner out;
-  if (!out.line(note.get()) || !out.line(name(Id::empty)) ||
-      !write_table(env, out, header.get(), std::make_unique<CliRows>(std::move(tools)))) {
-    return Ref();
-  }
-  return out.finish();
+  return line_then_table(env, note.get(), header.get(),
+                         std::make_unique<CliRows>(std::move(tools)));
 }
 
 Ref default_cell_body(const Env& env, PyObject* const* args) {
@@ -595,15 +584,7 @@ Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
   if (has_actions) {
     Ref names = getattr(tool, Id::action_names);
     if (!names) return Ref();
-    Ref names_iterator = Ref::steal(PyObject_GetIter(names.get()));
-    Ref spans = Ref::steal(PyList_New(0));
-    if (!names_iterator || !spans) return Ref();
-    while (Ref action = Ref::steal(PyIter_Next(names_iterator.get()))) {
-      Ref span = call_global(env, Id::code, {action.get()});
-      if (!span || PyList_Append(spans.get(), span.get()) < 0) return Ref();
-    }
-    if (PyErr_Occurred()) return Ref();
-    Ref listed = join(Id::bar_sep, spans.get());
+    Ref listed = code_spans(env, names.get(), Id::bar_sep);
     if (!listed) return Ref();
     Ref line = Text().lit("**Actions:** ").value(listed.get()).finish();
     if (!line || !out.line(line.get()) || !out.line(name(Id::empty))) return Ref();

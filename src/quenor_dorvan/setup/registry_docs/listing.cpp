@@ -161,16 +161,7 @@ Ref actions_cell_body(const Env& env, PyObject* const* args) {
   int any = PyObject_IsTrue(names.get());
   if (any < 0) return Ref();
   if (!any) return Ref::borrow(args[1]);
-  Ref iterator = Ref::steal(PyObject_GetIter(names.get()));
-  if (!iterator) return Ref();
-  Ref spans = Ref::steal(PyList_New(0));
-  if (!spans) return Ref();
-  while (Ref action = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref span = call_global(env, Id::code, {action.get()});
-    if (!span || PyList_Append(spans.get(), span.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return join(Id::comma, spans.get());
+  return code_spans(env, names.get(), Id::comma);
 }
 
 Ref cli_usage_body(const Env& env, PyObject* const* args) {
@@ -215,6 +206,23 @@ Ref cli_usage_body(const Env& env, PyObject* const* args) {
 }
 
 }  // namespace
+
+Ref code_spans(const Env& env, PyObject* iterable, Id separator, bool by_name) {
+  Ref iterator = Ref::steal(PyObject_GetIter(iterable));
+  if (!iterator) return Ref();
+  Ref spans = Ref::steal(PyList_New(0));
+  if (!spans) return Ref();
+  while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+    if (by_name) {
+      item = getattr(item.get(), Id::name);
+      if (!item) return Ref();
+    }
+    Ref span = call_global(env, Id::code, {item.get()});
+    if (!span || PyList_Append(spans.get(), span.get()) < 0) return Ref();
+  }
+  if (PyErr_Occurred()) return Ref();
+  return join(separator, spans.get());
+}
 
 const FunctionDef kOrderedTools = {
     "ordered_tools",

@@ -11,6 +11,10 @@ extern const FunctionDef kActionsCell;
 extern const FunctionDef kTierCounts;
 extern const FunctionDef kCliUsage;
 
+// `separator.join(_code(item) for item in iterable)`, or of each item's `name` when by_name;
+// `_code` is looked up for every item.
+Ref code_spans(const Env& env, PyObject* iterable, Id separator, bool by_name = false);
+
 // `format(value)` as an f-string replacement field without a spec writes it.
 inline Ref format_text(PyObject* value) {
   return Ref::steal(PyObject_Format(value, nullptr));
