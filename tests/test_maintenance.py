@@ -4,6 +4,7 @@ import inspect
 import os
 import random
 import re
+import sys
 import tempfile
 import time
 import unittest
@@ -204,6 +205,12 @@ class CatalogueTest(unittest.TestCase):
             self.assertEqual(renderers[2](), "again zeta")  # looked up at each call
         self.assertEqual((renderers[0].__name__, renderers[0].__qualname__, renderers[0].__doc__),
                          ("render", "_params_renderer.<locals>.render", None))
+        # The closure looks like a nested def: no annotations, no parameters, def-style errors.
+        self.assertEqual((renderers[0].__annotations__, str(inspect.signature(renderers[0]))), ({}, "()"))
+        shown = "render" if sys.version_info < (3, 11) else "_params_renderer.<locals>.render"
+        with self.assertRaises(TypeError) as caught:
+            renderers[0](1)
+        self.assertEqual(str(caught.exception), f"{shown}() takes 0 positional arguments but 1 was given")
         with rebound(GeneratedFile=lambda *args: args[0], ordered_tools=lambda: iter([support.tool("only")])):
             self.assertEqual(docs.generated_files(), ("src/quenor_dorvan/setup/skill_text.py",
                                                       "src/quenor_dorvan/setup/config.py",

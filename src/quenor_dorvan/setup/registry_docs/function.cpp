@@ -19,7 +19,9 @@ struct FunctionObject {
   PyObject* module;
   PyObject* globals;
   PyObject* marker;
+  PyObject* bound;  // a closure's value, or null
   PyObject* name;
+  PyObject* qualname;
   PyObject* module_name;
   PyObject* doc;
   PyObject* annotations;
@@ -33,6 +35,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(f->module);
   Py_VISIT(f->globals);
   Py_VISIT(f->marker);
+  Py_VISIT(f->bound);
   Py_VISIT(f->annotations);
   Py_VISIT(f->signature);
   return 0;
@@ -43,6 +46,7 @@ int function_clear(PyObject* self) {
   Py_CLEAR(f->module);
   Py_CLEAR(f->globals);
   Py_CLEAR(f->marker);
+  Py_CLEAR(f->bound);
   Py_CLEAR(f->annotations);
   Py_CLEAR(f->signature);
   return 0;
@@ -55,6 +59,7 @@ void function_dealloc(PyObject* self) {
   if (f->weakrefs) PyObject_ClearWeakRefs(self);
   function_clear(self);
   Py_CLEAR(f->name);
+  Py_CLEAR(f->qualname);
   Py_CLEAR(f->module_name);
   Py_CLEAR(f->doc);
   PyObject_GC_Del(self);
@@ -62,7 +67,8 @@ void function_dealloc(PyObject* self) {
 }
 
 inline Env env_of(const FunctionObject* f) {
-  return Env{f->module, f->globals, f->marker};
+  return Env{f->module, f->globals, f->marker,
+             reinterpret_cast<PyObject*>(const_cast<FunctionObject*>(f))};
 }
 
 Ref run_body(const FunctionObject* f, PyObject* const* args) {
@@ -158,12 +164,13 @@ void unexpected_keyword(PyObject* function_name, const FunctionDef& def, PyObjec
 bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t nargs,
                     PyObject* kwnames, PyObject** bound) {
   const FunctionDef& def = *f->def;
+  PyObject* shown = compat::kArgumentErrorsUseQualname ? f->qualname : f->name;
   for (int i = 0; i < def.nparams; ++i) bound[i] = i < nargs ? args[i] : nullptr;
   Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
   for (Py_ssize_t k = 0; k < nkw; ++k) {
     PyObject* key = PyTuple_GET_ITEM(kwnames, k);
     if (!PyUnicode_Check(key)) {
-      PyErr_Format(PyExc_TypeError, "%U() keywords must be strings", f->name);
+      PyErr_Format(PyExc_TypeError, "%U() keywords must be strings", shown);
       return false;
     }
     int slot = -1;
@@ -174,17 +181,17 @@ bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t n
       }
     }
     if (slot < 0) {
-      unexpected_keyword(f->name, def, key);
+      unexpected_keyword(shown, def, key);
       return false;
     }
     if (bound[slot]) {
-      PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", f->name, key);
+      PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", shown, key);
       return false;
     }
     bound[slot] = args[nargs + k];
   }
   if (nargs > def.nparams) {
-    PyErr_Format(PyExc_TypeError, "%U() takes %d positional argument%s but %zd %s given", f->name,
+    PyErr_Format(PyExc_TypeError, "%U() takes %d positional argument%s but %zd %s given", shown,
                  def.nparams, def.nparams == 1 ? "" : "s", nargs, nargs == 1 ? "was" : "were");
     return false;
   }
@@ -194,13 +201,13 @@ bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t n
     if (!bound[i]) names[missing++] = def.params[i];
   }
   if (missing == 1) {
-    PyErr_Format(PyExc_TypeError, "%U() missing 1 required positional argument: '%s'", f->name,
+    PyErr_Format(PyExc_TypeError, "%U() missing 1 required positional argument: '%s'", shown,
                  names[0]);
     return false;
   }
   if (missing == 2) {
     PyErr_Format(PyExc_TypeError, "%U() missing 2 required positional arguments: '%s' and '%s'",
-                 f->name, names[0], names[1]);
+                 shown, names[0], names[1]);
     return false;
   }
   return true;
@@ -218,11 +225,14 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
 
 PyObject* function_repr(PyObject* self) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
-  return PyUnicode_FromFormat("<function %U at %p>", f->name, self);
+  return PyUnicode_FromFormat("<function %U at %p>", f->qualname, self);
 }
 
 PyObject* get_name(PyObject* self, void*) {
   return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->name).release();
+}
+PyObject* get_qualname(PyObject* self, void*) {
+  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->qualname).release();
 }
 PyObject* get_module(PyObject* self, void*) {
   return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->module_name).release();
@@ -260,11 +270,15 @@ PyObject* get_signature(PyObject* self, void*) {
     Ref param = Ref::steal(PyObject_Call(parameter.get(), args.get(), kwargs.get()));
     if (!param || PyList_Append(params.get(), param.get()) < 0) return nullptr;
   }
-  Ref returns = Ref::steal(PyUnicode_FromString(f->def->returns));
-  if (!returns) return nullptr;
   Ref args = Ref::steal(PyTuple_Pack(1, params.get()));
-  Ref kwargs = Ref::steal(Py_BuildValue("{sO}", "return_annotation", returns.get()));
+  Ref kwargs = Ref::steal(PyDict_New());
   if (!args || !kwargs) return nullptr;
+  if (f->def->returns) {
+    Ref returns = Ref::steal(PyUnicode_FromString(f->def->returns));
+    if (!returns || PyDict_SetItemString(kwargs.get(), "return_annotation", returns.get()) < 0) {
+      return nullptr;
+    }
+  }
   Ref signature = Ref::steal(PyObject_Call(signature_type.get(), args.get(), kwargs.get()));
   if (!signature) return nullptr;
   if (!f->signature) f->signature = Ref(signature).release();
@@ -289,7 +303,7 @@ PyMethodDef function_methods[] = {
 
 PyGetSetDef function_getset[] = {
     {"__name__", get_name, nullptr, nullptr, nullptr},
-    {"__qualname__", get_name, nullptr, nullptr, nullptr},
+    {"__qualname__", get_qualname, nullptr, nullptr, nullptr},
     {"__module__", get_module, nullptr, nullptr, nullptr},
     {"__doc__", get_doc, nullptr, nullptr, nullptr},
     {"__annotations__", get_annotations, nullptr, nullptr, nullptr},
@@ -332,21 +346,28 @@ Ref make_function_type(PyObject* module) {
   return Ref::steal(PyType_FromModuleAndSpec(module, &function_spec, nullptr));
 }
 
-Ref make_function(PyObject* type, PyObject* module, PyObject* marker, const FunctionDef& def) {
+namespace {
+
+Ref new_function(PyObject* type, PyObject* module, PyObject* marker, const FunctionDef& def,
+                 PyObject* bound) {
   Ref name = Ref::steal(PyUnicode_InternFromString(def.name));
+  Ref qualname = Ref::steal(PyUnicode_InternFromString(def.qualname ? def.qualname : def.name));
   Ref module_name = Ref::steal(PyModule_GetNameObject(module));
-  Ref doc = Ref::steal(PyUnicode_FromString(def.doc));
+  Ref doc = def.doc ? Ref::steal(PyUnicode_FromString(def.doc)) : Ref::borrow(Py_None);
   Ref annotations = Ref::steal(PyDict_New());
-  if (!name || !module_name || !doc || !annotations) return Ref();
+  if (!name || !qualname || !module_name || !doc || !annotations) return Ref();
   for (int i = 0; i < def.nparams; ++i) {
     Ref text = Ref::steal(PyUnicode_FromString(def.annotations[i]));
     if (!text || PyDict_SetItemString(annotations.get(), def.params[i], text.get()) < 0) {
       return Ref();
     }
   }
-  Ref returns = Ref::steal(PyUnicode_FromString(def.returns));
-  if (!returns || PyDict_SetItemString(annotations.get(), "return", returns.get()) < 0)
-    return Ref();
+  if (def.returns) {
+    Ref returns = Ref::steal(PyUnicode_FromString(def.returns));
+    if (!returns || PyDict_SetItemString(annotations.get(), "return", returns.get()) < 0) {
+      return Ref();
+    }
+  }
 
   auto* f = PyObject_GC_New(FunctionObject, reinterpret_cast<PyTypeObject*>(type));
   if (!f) return Ref();
@@ -355,7 +376,9 @@ Ref make_function(PyObject* type, PyObject* module, PyObject* marker, const Func
   f->module = Ref::borrow(module).release();
   f->globals = Ref::borrow(PyModule_GetDict(module)).release();
   f->marker = Ref::borrow(marker).release();
+  f->bound = Ref::borrow(bound).release();
   f->name = name.release();
+  f->qualname = qualname.release();
   f->module_name = module_name.release();
   f->doc = doc.release();
   f->annotations = annotations.release();
@@ -363,6 +386,21 @@ Ref make_function(PyObject* type, PyObject* module, PyObject* marker, const Func
   f->weakrefs = nullptr;
   PyObject_GC_Track(reinterpret_cast<PyObject*>(f));
   return Ref::steal(reinterpret_cast<PyObject*>(f));
+}
+
+}  // namespace
+
+Ref make_function(PyObject* type, PyObject* module, PyObject* marker, const FunctionDef& def) {
+  return new_function(type, module, marker, def, nullptr);
+}
+
+Ref make_closure(const Env& env, const FunctionDef& def, PyObject* value) {
+  PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(env.function));
+  return new_function(type, env.module, env.marker, def, value);
+}
+
+PyObject* closure_value(const Env& env) {
+  return reinterpret_cast<FunctionObject*>(env.function)->bound;
 }
 
 const FunctionDef* native_def(PyObject* obj) {

@@ -7,9 +7,10 @@ namespace registry_docs {
 
 // What a running body needs: the namespace its names are looked up in.
 struct Env {
-  PyObject* module;   // borrowed: the running function object holds it
-  PyObject* globals;  // the module's dict, borrowed likewise
-  PyObject* marker;   // the `_MARKER` pattern the module made at import, borrowed likewise
+  PyObject* module;              // borrowed: the running function object holds it
+  PyObject* globals;             // the module's dict, borrowed likewise
+  PyObject* marker;              // the `_MARKER` pattern the module made at import, likewise
+  PyObject* function = nullptr;  // the running function object, when a body runs in one
 };
 
 // A body gets exactly as many arguments as its definition names; it returns a new reference or
@@ -18,18 +19,25 @@ using Body = Ref (*)(const Env& env, PyObject* const* args);
 
 struct FunctionDef {
   const char* name;
-  const char* doc;
+  const char* doc;  // null: None, as for a def without a docstring
   int nparams;
   const char* params[2];
   const char* annotations[2];
-  const char* returns;
+  const char* returns;  // null: no return annotation
   Body body;
+  const char* qualname = nullptr;  // null: the name
 };
 
 // Creates the function type for one module (called once per module execution).
 Ref make_function_type(PyObject* module);
 // Creates one function object bound to the module.
 Ref make_function(PyObject* type, PyObject* module, PyObject* marker, const FunctionDef& def);
+
+// A function nested in the running one: a new function object of the same module that holds one
+// value, as a closure holds the variable it uses.
+Ref make_closure(const Env& env, const FunctionDef& def, PyObject* value);
+// The value the running closure holds (borrowed).
+PyObject* closure_value(const Env& env);
 
 // The function definition behind obj if it is one of this module's native functions, else null.
 const FunctionDef* native_def(PyObject* obj);
