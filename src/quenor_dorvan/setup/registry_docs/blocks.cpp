@@ -92,22 +92,24 @@ class ToolRows : public RowSource {
   Ref tools_;
 };
 
+// `fn(record.field)`, with the module function looked up when it is called.
+Ref apply_to_field(const Env& env, Id fn, PyObject* record, Id field) {
+  Ref value = getattr(record, field);
+  return value ? call_global(env, fn, {value.get()}) : Ref();
+}
+
 class SkillRows : public ToolRows {
  public:
   using ToolRows::ToolRows;
   int columns() const override { return 3; }
   Ref cell(const Env& env, PyObject* tool, int column) override {
     switch (column) {
-      case 0: {
-        Ref tool_name = getattr(tool, Id::name);
-        return tool_name ? call_global(env, Id::code, {tool_name.get()}) : Ref();
-      }
+      case 0:
+        return apply_to_field(env, Id::code, tool, Id::name);
       case 1:
         return call_global(env, Id::actions_cell, {tool, name(Id::one_call)});
-      default: {
-        Ref text = getattr(tool, Id::mcp_text);
-        return text ? call_global(env, Id::cell, {text.get()}) : Ref();
-      }
+      default:
+        return apply_to_field(env, Id::cell, tool, Id::mcp_text);
     }
   }
 };
@@ -135,16 +137,12 @@ class ReadmeRows : public ToolRows {
         Ref opened = stars ? Ref::steal(PyNumber_Add(stars.get(), tier.get())) : Ref();
         return opened ? Ref::steal(PyNumber_Add(opened.get(), stars.get())) : Ref();
       }
-      case 1: {
-        Ref tool_name = getattr(tool, Id::name);
-        return tool_name ? call_global(env, Id::code, {tool_name.get()}) : Ref();
-      }
+      case 1:
+        return apply_to_field(env, Id::code, tool, Id::name);
       case 2:
         return actions_with_none(env, tool);
-      default: {
-        Ref summary = getattr(tool, Id::summary);
-        return summary ? call_global(env, Id::cell, {summary.get()}) : Ref();
-      }
+      default:
+        return apply_to_field(env, Id::cell, tool, Id::summary);
     }
   }
 };
@@ -166,18 +164,14 @@ class OverviewRows : public ToolRows {
     switch (column) {
       case 0:
         return Ref::steal(PyObject_Str(PyTuple_GET_ITEM(state, 0)));
-      case 1: {
-        Ref tool_name = getattr(tool, Id::name);
-        return tool_name ? call_global(env, Id::code, {tool_name.get()}) : Ref();
-      }
+      case 1:
+        return apply_to_field(env, Id::code, tool, Id::name);
       case 2:
         return actions_with_none(env, tool);
       case 3:
         return tier_capitalized(tool);
-      default: {
-        Ref summary = getattr(tool, Id::summary);
-        return summary ? call_global(env, Id::cell, {summary.get()}) : Ref();
-      }
+      default:
+        return apply_to_field(env, Id::cell, tool, Id::summary);
     }
   }
 
@@ -190,10 +184,7 @@ class CliRows : public ToolRows {
   using ToolRows::ToolRows;
   int columns() const override { return 2; }
   Ref cell(const Env& env, PyObject* tool, int column) override {
-    if (column == 0) {
-      Ref tool_name = getattr(tool, Id::name);
-      return tool_name ? call_global(env, Id::code, {tool_name.get()}) : Ref();
-    }
+    if (column == 0) return apply_to_field(env, Id::code, tool, Id::name);
     Ref usage = call_global(env, Id::cli_usage, {tool});
     return usage ? call_global(env, Id::code, {usage.get()}) : Ref();
   }
@@ -223,10 +214,8 @@ class ParamRows : public RowSource {
     PyObject* prop = PyTuple_GET_ITEM(state, 1);
     if (!has_actions_ && column >= 5) ++column;  // no Actions column
     switch (column) {
-      case 0: {
-        Ref param_name = getattr(param, Id::name);
-        return param_name ? call_global(env, Id::code, {param_name.get()}) : Ref();
-      }
+      case 0:
+        return apply_to_field(env, Id::code, param, Id::name);
       case 1: {
         Ref param_name = getattr(param, Id::name);
         if (!param_name) return Ref();
