@@ -304,6 +304,18 @@ class LazyRowsTest(unittest.TestCase):
                                         "Counts what the index holds."])
         self.assertEqual(list(rows), [])
 
+    def test_row_is_taken_before_row_function_is_looked_up(self):
+        # Taking the next tool may rebind `_row`; that row already goes through the new one.
+        def tools():
+            yield SEARCH
+            docs._row = lambda cells: "new " + "/".join(cells)
+            yield STATS
+
+        with rebound(TOOLS=[SEARCH, STATS], ordered_tools=tools, _row=docs._row):
+            self.assertEqual(docs.mcp_cli_block().split("\n")[-2:],
+                             ["| `example_search` | `quenor-dorvan query example-search --path <path>` |",
+                              "new `example_stats`/`quenor-dorvan query example-stats`"])
+
     def test_replaced_row_gets_lazy_rows(self):
         events = []
         row = lambda cells: events.append("row") or "|".join(cells)  # noqa: E731

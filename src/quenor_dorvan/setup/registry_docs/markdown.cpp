@@ -182,6 +182,17 @@ void rows_dealloc(PyObject* self) {
   Py_DECREF(type);
 }
 
+// The lazy row of one row state, reading its cells from the rows object's source.
+Ref make_row(PyObject* rows, Ref state) {
+  auto* row = PyObject_GC_New(RowObject, g_row_type);
+  if (!row) return Ref();
+  row->rows = Ref::borrow(rows).release();
+  row->state = state.release();
+  row->column = 0;
+  PyObject_GC_Track(reinterpret_cast<PyObject*>(row));
+  return Ref::steal(reinterpret_cast<PyObject*>(row));
+}
+
 PyObject* rows_next(PyObject* self) {
   auto* rows = reinterpret_cast<RowsObject*>(self);
   if (!rows->source || rows->done) return nullptr;
@@ -192,13 +203,7 @@ PyObject* rows_next(PyObject* self) {
     rows->done = true;
     return nullptr;
   }
-  auto* row = PyObject_GC_New(RowObject, g_row_type);
-  if (!row) return nullptr;
-  row->rows = Ref::borrow(self).release();
-  row->state = state.release();
-  row->column = 0;
-  PyObject_GC_Track(reinterpret_cast<PyObject*>(row));
-  return reinterpret_cast<PyObject*>(row);
+  return make_row(self, std::move(state)).release();
 }
 
 int row_traverse(PyObject* self, visitproc visit, void* arg) {
@@ -386,22 +391,27 @@ bool write_table(const Env& env, LineJoiner& out, PyObject* header,
   if (!rule) return false;
   line = call_found(rule_row.get(), {rule.get()});
   if (!line || !out.line(line.get())) return false;
-  Ref lazy;  // made only if a replaced `_row` needs row objects
+  // `*(_row(row) for row in rows)`: each row is taken before `_row` is looked up for it.
+  Ref lazy;  // made once a replaced `_row` needs row objects
   while (true) {
-    Ref row_fn = lookup(env, Id::row);
-    if (!row_fn) return false;
-    if (is_native(row_fn.get(), kRow) && !lazy) {
+    Ref row_fn;
+    if (!lazy) {
       Ref state;
       if (!rows->next_row(env, state)) return !PyErr_Occurred();
-      line = native_row_line(env, *rows, state.get());
-    } else {
-      if (!lazy) {
+      row_fn = lookup(env, Id::row);
+      if (!row_fn) return false;
+      if (is_native(row_fn.get(), kRow)) {
+        line = native_row_line(env, *rows, state.get());
+      } else {
         lazy = make_rows(env, std::move(rows));
-        if (!lazy) return false;
+        Ref row = lazy ? make_row(lazy.get(), std::move(state)) : Ref();
+        line = row ? call_found(row_fn.get(), {row.get()}) : Ref();
       }
+    } else {
       Ref row = Ref::steal(PyIter_Next(lazy.get()));
       if (!row) return !PyErr_Occurred();
-      line = call_found(row_fn.get(), {row.get()});
+      row_fn = lookup(env, Id::row);
+      line = row_fn ? call_found(row_fn.get(), {row.get()}) : Ref();
     }
     if (!line || !out.line(line.get())) return false;
   }
