@@ -199,25 +199,30 @@ class ParamRows : public RowSource {
         required_(std::move(required)),
         has_actions_(has_actions) {}
   int columns() const override { return has_actions_ ? 7 : 6; }
+  // The state of a row is the list [param, prop]: the property is looked up when the row's first
+  // cell is read, as the row's generator would on its first step.
   bool next_row(const Env&, Ref& state) override {
     Ref param = Ref::steal(PyIter_Next(params_.get()));
     if (!param) return false;
-    Ref param_name = getattr(param.get(), Id::name);
-    if (!param_name) return false;
-    Ref prop = subscript(properties_.get(), param_name.get());
-    if (!prop) return false;
-    state = Ref::steal(PyTuple_Pack(2, param.get(), prop.get()));
-    return static_cast<bool>(state);
+    state = Ref::steal(PyList_New(2));
+    if (!state) return false;
+    PyList_SET_ITEM(state.get(), 0, param.release());
+    PyList_SET_ITEM(state.get(), 1, Ref::borrow(Py_None).release());
+    return true;
   }
   Ref cell(const Env& env, PyObject* state, int column) override {
-    PyObject* param = PyTuple_GET_ITEM(state, 0);
-    PyObject* prop = PyTuple_GET_ITEM(state, 1);
+    Ref param = Ref::borrow(PyList_GET_ITEM(state, 0));
+    if (column == 0) {
+      Ref param_name = getattr(param.get(), Id::name);
+      Ref prop = param_name ? subscript(properties_.get(), param_name.get()) : Ref();
+      if (!prop || PyList_SetItem(state, 1, prop.release()) < 0) return Ref();
+      return apply_to_field(env, Id::code, param.get(), Id::name);
+    }
+    Ref prop = Ref::borrow(PyList_GET_ITEM(state, 1));
     if (!has_actions_ && column >= 5) ++column;  // no Actions column
     switch (column) {
-      case 0:
-        return apply_to_field(env, Id::code, param, Id::name);
       case 1: {
-        Ref param_name = getattr(param, Id::name);
+        Ref param_name = getattr(param.get(), Id::name);
         if (!param_name) return Ref();
         Ref option = call_global(env, Id::snake_to_kebab, {param_name.get()});
         if (!option) return Ref();
@@ -225,20 +230,20 @@ class ParamRows : public RowSource {
         return text ? call_global(env, Id::code, {text.get()}) : Ref();
       }
       case 2:
-        return call_global(env, Id::type_cell, {prop});
+        return call_global(env, Id::type_cell, {prop.get()});
       case 3: {
-        Ref param_name = getattr(param, Id::name);
+        Ref param_name = getattr(param.get(), Id::name);
         if (!param_name) return Ref();
         int found = PySequence_Contains(required_.get(), param_name.get());
         if (found < 0) return Ref();
         return Ref::borrow(name(found ? Id::yes : Id::no));
       }
       case 4: {
-        Ref text = call_global(env, Id::default_cell, {param});
+        Ref text = call_global(env, Id::default_cell, {param.get()});
         return text ? call_global(env, Id::cell, {text.get()}) : Ref();
       }
       case 5: {
-        Ref actions = getattr(param, Id::applies_to);
+        Ref actions = getattr(param.get(), Id::applies_to);
         if (!actions) return Ref();
         Ref text = join(Id::comma, actions.get());
         if (!text) return Ref();
@@ -246,7 +251,7 @@ class ParamRows : public RowSource {
         return text;
       }
       default:
-        return call_global(env, Id::description_cell, {param, prop});
+        return call_global(env, Id::description_cell, {param.get(), prop.get()});
     }
   }
   int traverse(visitproc visit, void* arg) override {
@@ -385,10 +390,16 @@ Ref mcp_cli_block_body(const Env& env, PyObject* const*) {
 
 Ref default_cell_body(const Env& env, PyObject* const* args) {
   PyObject* param = args[0];
+  // `_NONE if param.default is None else _value(param.default)`: read again for the spelling.
   Ref value = getattr(param, Id::default_);
   if (!value) return Ref();
-  Ref text =
-      value.get() == Py_None ? lookup(env, Id::NONE) : call_global(env, Id::value, {value.get()});
+  Ref text;
+  if (value.get() == Py_None) {
+    text = lookup(env, Id::NONE);
+  } else {
+    value = getattr(param, Id::default_);
+    text = value ? call_global(env, Id::value, {value.get()}) : Ref();
+  }
   if (!text) return Ref();
   Ref pairs = getattr(param, Id::action_defaults);
   if (!pairs) return Ref();
@@ -430,7 +441,8 @@ Ref type_cell_body(const Env&, PyObject* const* args) {
       return item_type ? Text().value(item_type.get()).lit("[]").finish() : Ref();
     }
   }
-  return Ref::steal(PyObject_Str(type.get()));
+  type = subscript(prop, Id::type);  // `str(prop["type"])` reads it again
+  return type ? Ref::steal(PyObject_Str(type.get())) : Ref();
 }
 
 // `prop.get("description", "")`.

@@ -1,0 +1,233 @@
+"""A pure-Python model of the registry_docs functions, for the differential test.
+
+Not imported: test_differential executes this source into a copy of the native module's globals,
+so every name it reads (TOOLS, _TIERS, _NONE, _MARKER, get_cli_schema, ...) is looked up in that
+copy at each call, as the module's own functions look them up in theirs.
+"""
+
+
+# -- listing ------------------------------------------------------------------------------------
+
+def ordered_tools():
+    return sorted(TOOLS, key=lambda tool: _TIERS.index(tool.tier))
+
+
+def _tier_tools(tier):
+    return [tool for tool in TOOLS if tool.tier == tier]
+
+
+def _tier_counts():
+    return " and ".join(f"{len(_tier_tools(tier))} {tier}" for tier in _TIERS)
+
+
+def _actions_cell(tool, placeholder):
+    names = tool.action_names
+    if not names:
+        return placeholder
+    return ", ".join(_code(name) for name in names)
+
+
+def cli_usage(tool):
+    return " ".join(["quenor-dorvan query", snake_to_kebab(tool.name),
+                     *(f"--{snake_to_kebab(p.name)} <{p.name}>" for p in tool.all_params
+                       if p.required)])
+
+
+# -- markdown -----------------------------------------------------------------------------------
+
+def _code(text):
+    return f"`{text}`"
+
+
+def _cell(text):
+    return " ".join(text.split()).replace("|", "\\|")
+
+
+def _row(cells):
+    return "| " + " | ".join(cells) + " |"
+
+
+def _table(header, rows):
+    return [_row(header), _row(["---" for _ in header]), *(_row(row) for row in rows)]
+
+
+def _value(value):
+    if isinstance(value, bool):
+        return "true" if value else "false"
+    if isinstance(value, (list, tuple)):
+        return ", ".join(_value(item) for item in value)
+    return str(value)
+
+
+# -- blocks -------------------------------------------------------------------------------------
+
+def skill_tools_block():
+    tools = ordered_tools()
+
+    def row(tool):
+        yield _code(tool.name)
+        yield _actions_cell(tool, "*(one call)*")
+        yield _cell(tool.mcp_text)
+
+    rows = (row(tool) for tool in tools)
+    lines = [f"## Tool reference ({len(TOOLS)} tools; MCP name = CLI `quenor-dorvan query <tool>`)",
+             "", *_table(("Tool", "Actions", "Use for"), rows)]
+    return "\n".join(lines)
+
+
+def readme_tools_block():
+    tools = ordered_tools()
+
+    def row(tool):
+        yield "**" + tool.tier.capitalize() + "**"
+        yield _code(tool.name)
+        yield _actions_cell(tool, _NONE)
+        yield _cell(tool.summary)
+
+    rows = (row(tool) for tool in tools)
+    lines = [f"{len(TOOLS)} tools for code intelligence, {_tier_counts()}. A tool with actions "
+             "takes an `action` parameter that selects one.", "",
+             *_table(("Tier", "Tool", "Actions", "Purpose"), rows)]
+    return "\n".join(lines)
+
+
+def mcp_intro_block():
+    return (f"Complete reference for the **{len(TOOLS)} MCP tools** provided by Quenor Dorvan, "
+            f"{_tier_counts()}.\n\nEach tool groups related functionality behind a single "
+            "endpoint; a tool with actions takes an `action` parameter that selects the operation.")
+
+
+def mcp_overview_block():
+    tools = ordered_tools()
+
+    def row(number, tool):
+        yield str(number)
+        yield _code(tool.name)
+        yield _actions_cell(tool, _NONE)
+        yield tool.tier.capitalize()
+        yield _cell(tool.summary)
+
+    rows = (row(number, tool) for number, tool in enumerate(tools, 1))
+    tiers = [f"- **{tier.capitalize()}** ({len(_tier_tools(tier))} tools): "
+             + ", ".join(_code(t.name) for t in _tier_tools(tier)) for tier in _TIERS]
+    return "\n".join([*_table(("#", "Tool", "Actions", "Tier", "Purpose"), rows), "",
+                      "**Tiers:**", "", *tiers])
+
+
+def mcp_cli_block():
+    tools = ordered_tools()
+
+    def row(tool):
+        yield _code(tool.name)
+        yield _code(cli_usage(tool))
+
+    rows = (row(tool) for tool in tools)
+    return "\n".join([
+        "Every parameter is an option of the same name in kebab-case (`token_budget` is "
+        "`--token-budget`), an array is a comma-separated list, and a boolean is `--flag` or "
+        "`--flag true|false`. `quenor-dorvan query <tool> --help` prints a tool's options with "
+        "their full texts and `quenor-dorvan query --schema` prints them all as JSON Schema.",
+        "", *_table(("Tool", "CLI usage"), rows)])
+
+
+def mcp_params_block(tool):
+    schema = get_cli_schema(tool.name)
+    properties = schema["properties"]
+    if list(properties) != [param.name for param in tool.all_params]:
+        raise ValueError(f"{tool.name}: the CLI schema and the registry name different parameters")
+    required = set(schema["required"])
+    has_actions = bool(tool.actions)
+    header = ("Parameter", "CLI", "Type", "Required", "Default",
+              *(("Actions",) if has_actions else ()), "Description")
+
+    def row(param):
+        prop = properties[param.name]
+        yield _code(param.name)
+        yield _code(f"--{snake_to_kebab(param.name)}")
+        yield _type_cell(prop)
+        yield "Yes" if param.name in required else "No"
+        yield _cell(_default_cell(param))
+        if has_actions:
+            yield ", ".join(param.applies_to) or "all"
+        yield _description_cell(param, prop)
+
+    rows = (row(param) for param in tool.all_params)
+    lines = ((["**Actions:** " + " | ".join(_code(n) for n in tool.action_names), ""]
+              if has_actions else []) + ["#### Parameters", "", *_table(header, rows)])
+    return "\n".join(lines)
+
+
+def _default_cell(param):
+    text = _NONE if param.default is None else _value(param.default)
+    by_action = ", ".join(f"{action}: {_value(value)}" for action, value in param.action_defaults)
+    return f"{text} ({by_action})" if by_action else text
+
+
+def _type_cell(prop):
+    if prop["type"] == "array" and "items" in prop:
+        return f"{prop['items']['type']}[]"
+    return str(prop["type"])
+
+
+def _description_cell(param, prop):
+    description = prop.get("description", "").strip()
+    if description and not description.endswith("."):
+        description += "."
+    values = param.values_text(_code)
+    low, high = prop.get("minimum"), prop.get("maximum")
+    if low is not None and high is not None:
+        bound = f"Range: {_value(low)}-{_value(high)}."
+    elif low is not None:
+        bound = f"At least {_value(low)}."
+    elif high is not None:
+        bound = f"At most {_value(high)}."
+    else:
+        bound = ""
+    return _cell(" ".join(piece for piece in (description, values, bound) if piece))
+
+
+def _literal_text(block):
+    return block.replace("\\", "\\\\")
+
+
+def _skill_text(block):
+    return _literal_text(block).replace("{", "{{").replace("}", "}}")
+
+
+def skill_routes_block():
+    return skill_table({"frameworks": ", ".join(ENDPOINT_FRAMEWORKS.values())})
+
+
+def rules_block():
+    def render(match):
+        return match["open"] + rules_table() + "\n" + match["close"]
+
+    return without_markers(_MARKER.sub(render, QUENOR_INSTRUCTION_CONTENT)).strip()
+
+
+# -- generated files ----------------------------------------------------------------------------
+
+def block_names(text):
+    return [match["name"] for match in _MARKER.finditer(text)]
+
+
+def _blocks(text):
+    return {match["name"]: match["body"] for match in _MARKER.finditer(text)}
+
+
+def render_file(text, generated):
+    pairs = [(name, renderer) for name, renderer in generated.blocks]
+    expected = [name for name, _ in pairs]
+    found = block_names(text)
+    if sorted(found) != sorted(expected) or len(set(found)) != len(found):
+        missing = sorted(set(expected) - set(found))
+        unknown = sorted(set(found) - set(expected))
+        repeated = sorted({name for name in found if found.count(name) > 1})
+        raise ValueError(f"{generated.path}: the markers do not match the blocks it holds "
+                         f"(missing {missing}, unknown {unknown}, repeated {repeated})")
+    renderers = dict(pairs)
+
+    def render(match):
+        return match["open"] + generated.encode(renderers[match["name"]]()) + "\n" + match["close"]
+
+    return _MARKER.sub(render, text)
