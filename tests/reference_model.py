@@ -1,6 +1,6 @@
-"""A pure-Python model of the registry_docs functions, for the differential test.
+"""A pure-Python model of the registry_docs functions, for the tests that compare with it.
 
-Not imported: test_differential executes this source into a copy of the native module's globals,
+Not imported: support.python_model executes this source into a copy of the native module's globals,
 so every name it reads (TOOLS, _TIERS, _NONE, _MARKER, get_cli_schema, ...) is looked up in that
 copy at each call, as the module's own functions look them up in theirs.
 """

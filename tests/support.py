@@ -57,6 +57,16 @@ def tool(name, tier="core", *, actions=(), summary="", mcp_text="", params=()):
     )
 
 
+MODEL = Path(__file__).with_name("reference_model.py")
+
+
+def python_model():
+    """The pure-Python model's functions, executed into a copy of the module's globals."""
+    namespace = dict(docs.__dict__)
+    exec(compile(MODEL.read_text(encoding="utf-8"), str(MODEL), "exec"), namespace)
+    return namespace
+
+
 @contextlib.contextmanager
 def example_copy():
     """A temporary copy of the example host repository; yields its root as a Path."""

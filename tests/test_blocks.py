@@ -359,8 +359,8 @@ class ExampleHostTest(unittest.TestCase):
         for block in (docs.skill_tools_block, docs.mcp_intro_block, docs.mcp_overview_block,
                       docs.mcp_cli_block, docs.skill_routes_block, docs.rules_block):
             self.assertIs(type(block()), str)
-        for spec in registry.TOOLS:
-            self.assertIs(type(docs.mcp_params_block(spec)), str)
+        for entry in registry.TOOLS:
+            self.assertIs(type(docs.mcp_params_block(entry)), str)
         self.assertEqual(docs.readme_tools_block().split("\n")[0], README_HEAD.format(
             14, "8 core and 6 extended"))
         self.assertEqual(docs.mcp_params_block(registry.get_tool("search")).split("\n")[8:-1], [

@@ -40,20 +40,8 @@ def random_text(rng):
     return "".join(parts)
 
 
-def reference_render_file(text, generated):
-    """render_file as the module's Python source states it, on the same `_MARKER`."""
-    pairs = [(name, renderer) for name, renderer in generated.blocks]
-    expected = [name for name, _ in pairs]
-    found = [match["name"] for match in MARKER.finditer(text)]
-    if sorted(found) != sorted(expected) or len(set(found)) != len(found):
-        missing = sorted(set(expected) - set(found))
-        unknown = sorted(set(found) - set(expected))
-        repeated = sorted({name for name in found if found.count(name) > 1})
-        raise ValueError(f"{generated.path}: the markers do not match the blocks it holds "
-                         f"(missing {missing}, unknown {unknown}, repeated {repeated})")
-    renderers = dict(pairs)
-    return MARKER.sub(lambda match: match["open"] + generated.encode(renderers[match["name"]]()) + "\n"
-                      + match["close"], text)
+# render_file as the pure-Python model states it, on the module's own `_MARKER`.
+reference_render_file = support.python_model()["render_file"]
 
 
 def outcome(function, *args):
