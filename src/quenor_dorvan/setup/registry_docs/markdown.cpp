@@ -1,62 +1,93 @@
 #include "markdown.h"
 
+#include <algorithm>
+
 namespace registry_docs {
 
 namespace {
 
+// `_cell` of a str in two passes: the first measures the result (length, widest character, whether
+// anything changes), the second writes it into a str of exactly that size and kind.
 template <typename Char>
-bool cell_changes(const Char* data, Py_ssize_t size) {
-  if (size == 0) return false;
-  if (Py_UNICODE_ISSPACE(data[0]) || Py_UNICODE_ISSPACE(data[size - 1])) return true;
-  for (Py_ssize_t i = 0; i < size; ++i) {
-    Py_UCS4 c = data[i];
-    if (c == '|') return true;
-    if (c == ' ') {
-      if (Py_UNICODE_ISSPACE(data[i + 1])) return true;
-    } else if (Py_UNICODE_ISSPACE(c)) {
-      return true;
-    }
-  }
-  return false;
-}
+struct CellPlan {
+  Py_ssize_t length = 0;
+  Py_UCS4 widest = 0;
+  bool changed = false;
+};
 
 template <typename Char>
-bool write_cell(TextWriter& out, PyObject* text, const Char* data, Py_ssize_t size) {
+CellPlan<Char> plan_cell(const Char* data, Py_ssize_t size) {
+  CellPlan<Char> plan;
+  bool first = true;
+  Py_ssize_t i = 0;
+  while (true) {
+    Py_ssize_t gap = i;
+    while (i < size && Py_UNICODE_ISSPACE(data[i])) ++i;
+    if (i == size) {
+      plan.changed |= i != gap;  // whitespace at the end, or a text of whitespace only
+      return plan;
+    }
+    if (first) {
+      plan.changed |= i != gap;  // whitespace at the start
+    } else {
+      plan.changed |= i - gap != 1 || data[gap] != ' ';
+      plan.length += 1;
+      plan.widest = std::max<Py_UCS4>(plan.widest, ' ');
+    }
+    first = false;
+    for (; i < size && !Py_UNICODE_ISSPACE(data[i]); ++i) {
+      Py_UCS4 c = data[i];
+      if (c == '|') {
+        plan.changed = true;
+        plan.length += 2;
+      } else {
+        plan.length += 1;
+      }
+      plan.widest = std::max(plan.widest, c);
+    }
+  }
+}
+
+template <typename Out, typename Char>
+void fill_cell(Out* out, const Char* data, Py_ssize_t size) {
   Py_ssize_t i = 0;
   bool first = true;
   while (true) {
     while (i < size && Py_UNICODE_ISSPACE(data[i])) ++i;
-    if (i == size) return true;
-    if (!first && !out.lit(" ")) return false;
+    if (i == size) return;
+    if (!first) *out++ = ' ';
     first = false;
-    Py_ssize_t start = i;
     for (; i < size && !Py_UNICODE_ISSPACE(data[i]); ++i) {
-      if (data[i] == '|') {
-        if (!out.substring(text, start, i) || !out.lit("\\|")) return false;
-        start = i + 1;
-      }
+      if (data[i] == '|') *out++ = '\\';
+      *out++ = static_cast<Out>(data[i]);
     }
-    if (!out.substring(text, start, i)) return false;
   }
 }
 
 template <typename Char>
 Ref cell_of_kind(PyObject* text, const Char* data, Py_ssize_t size) {
-  if (!cell_changes(data, size)) {
-    if (size == 0 && !PyUnicode_CheckExact(text)) return Ref::borrow(name(Id::empty));
-    return Ref::borrow(text);
+  CellPlan<Char> plan = plan_cell(data, size);
+  if (!plan.changed) return Ref::borrow(text);
+  Ref result = Ref::steal(PyUnicode_New(plan.length, plan.widest));
+  if (!result) return Ref();
+  switch (PyUnicode_KIND(result.get())) {
+    case PyUnicode_1BYTE_KIND:
+      fill_cell(PyUnicode_1BYTE_DATA(result.get()), data, size);
+      break;
+    case PyUnicode_2BYTE_KIND:
+      fill_cell(PyUnicode_2BYTE_DATA(result.get()), data, size);
+      break;
+    default:
+      fill_cell(PyUnicode_4BYTE_DATA(result.get()), data, size);
+      break;
   }
-  TextWriter out;
-  if (!write_cell(out, text, data, size)) return Ref();
-  return out.finish();
+  return result;
 }
 
 Ref code_body(const Env&, PyObject* const* args) {
   Ref text = Ref::steal(PyObject_Format(args[0], nullptr));
   if (!text) return Ref();
-  TextWriter out;
-  if (!out.lit("`") || !out.str(text.get()) || !out.lit("`")) return Ref();
-  return out.finish();
+  return enclosed('`', text.get(), '`');
 }
 
 Ref cell_body(const Env&, PyObject* const* args) {
@@ -286,27 +317,20 @@ Ref make_rows(const Env& env, std::unique_ptr<RowSource> source) {
 }
 
 // One row written by our own `_row`: every cell computed, in order, then checked and joined.
-Ref native_row_line(const Env& env, RowSource& source, PyObject* state) {
+bool write_native_row(const Env& env, RowSource& source, PyObject* state, LineJoiner& out) {
   int columns = source.columns();
   Ref cells[8];
   for (int i = 0; i < columns; ++i) {
     cells[i] = source.cell(env, state, i);
-    if (!cells[i]) return Ref();
+    if (!cells[i]) return false;
   }
   for (int i = 0; i < columns; ++i) {
     if (!PyUnicode_Check(cells[i].get())) {
       join_type_error(i, cells[i].get());
-      return Ref();
+      return false;
     }
   }
-  TextWriter out;
-  if (!out.lit("| ")) return Ref();
-  for (int i = 0; i < columns; ++i) {
-    if (i > 0 && !out.lit(" | ")) return Ref();
-    if (!out.str(cells[i].get())) return Ref();
-  }
-  if (!out.lit(" |")) return Ref();
-  return out.finish();
+  return out.row(cells, columns);
 }
 
 }  // namespace
@@ -364,6 +388,16 @@ bool LineJoiner::lines(PyObject* iterable) {
   return !PyErr_Occurred();
 }
 
+bool LineJoiner::row(const Ref* cells, int count) {
+  Py_ssize_t index = count_++;
+  if (bad_index_ >= 0) return true;
+  if ((index > 0 && !writer_.lit("\n")) || !writer_.lit("| ")) return false;
+  for (int i = 0; i < count; ++i) {
+    if ((i > 0 && !writer_.lit(" | ")) || !writer_.str(cells[i].get())) return false;
+  }
+  return writer_.lit(" |");
+}
+
 Ref LineJoiner::finish() {
   if (bad_index_ >= 0) {
     join_type_error(bad_index_, bad_item_.get());
@@ -401,7 +435,8 @@ bool write_table(const Env& env, LineJoiner& out, PyObject* header,
       row_fn = lookup(env, Id::row);
       if (!row_fn) return false;
       if (is_native(row_fn.get(), kRow)) {
-        line = native_row_line(env, *rows, state.get());
+        if (!write_native_row(env, *rows, state.get(), out)) return false;
+        continue;
       } else {
         lazy = make_rows(env, std::move(rows));
         Ref row = lazy ? make_row(lazy.get(), std::move(state)) : Ref();

@@ -37,6 +37,8 @@ class RowSource {
 class LineJoiner {
  public:
   bool line(PyObject* text);
+  // A table row as our own `_row` writes it, from cells already checked to be str.
+  bool row(const Ref* cells, int count);
   bool lines(PyObject* iterable);  // every item of an iterable, as `*iterable` spreads it
   Ref finish();
 

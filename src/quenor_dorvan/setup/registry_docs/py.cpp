@@ -153,6 +153,19 @@ bool unpack_pair(PyObject* item, Ref& first, Ref& second) {
   return true;
 }
 
+Ref enclosed(char open, PyObject* text, char close) {
+  Py_ssize_t size = PyUnicode_GET_LENGTH(text);
+  Py_UCS4 widest = PyUnicode_IS_ASCII(text) ? 127 : PyUnicode_MAX_CHAR_VALUE(text);
+  Ref result = Ref::steal(PyUnicode_New(size + 2, widest));
+  if (!result) return Ref();
+  int kind = PyUnicode_KIND(result.get());
+  void* data = PyUnicode_DATA(result.get());
+  PyUnicode_WRITE(kind, data, 0, static_cast<Py_UCS4>(open));
+  if (PyUnicode_CopyCharacters(result.get(), 1, text, 0, size) < 0) return Ref();
+  PyUnicode_WRITE(kind, data, size + 1, static_cast<Py_UCS4>(close));
+  return result;
+}
+
 Ref join(Id separator, PyObject* list) {
   return Ref::steal(PyUnicode_Join(name(separator), list));
 }

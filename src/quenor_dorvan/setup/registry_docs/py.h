@@ -198,6 +198,9 @@ Ref subscript(PyObject* obj, Id key);
 Ref subscript(PyObject* obj, PyObject* key);
 Ref mapping_get(PyObject* mapping, Id key);  // None when absent
 
+// `open + text + close` for a str and two ASCII characters, built at its exact size.
+Ref enclosed(char open, PyObject* text, char close);
+
 // An int (any size) as str() spells it.
 inline Ref ssize_text(Py_ssize_t n) {
   Ref number = Ref::steal(PyLong_FromSsize_t(n));
