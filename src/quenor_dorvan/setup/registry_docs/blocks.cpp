@@ -1,5 +1,6 @@
 #include "blocks.h"
 
+#include <cstring>
 #include <vector>
 
 #include "listing.h"

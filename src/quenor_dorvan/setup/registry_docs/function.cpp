@@ -78,7 +78,6 @@ Ref run_body(const FunctionObject* f, PyObject* const* args) {
   return result;
 }
 
-#if PY_VERSION_HEX >= 0x030D0000
 // The interpreter's edit distance between two UTF-8 names: a case flip costs 1, any other edit 2;
 // max_cost + 1 as soon as the distance is sure to exceed max_cost.
 size_t edit_distance(const char* a, size_t a_size, const char* b, size_t b_size, size_t max_cost) {
@@ -142,20 +141,17 @@ const char* suggested_param(const FunctionDef& def, PyObject* key) {
   }
   return best;
 }
-#endif
 
 // The error for a keyword that names no parameter; from 3.13 the interpreter suggests a close one.
 void unexpected_keyword(PyObject* function_name, const FunctionDef& def, PyObject* key) {
-#if PY_VERSION_HEX >= 0x030D0000
-  if (const char* suggestion = suggested_param(def, key)) {
-    PyErr_Format(PyExc_TypeError,
-                 "%U() got an unexpected keyword argument '%S'. Did you mean '%s'?", function_name,
-                 key, suggestion);
-    return;
+  if (compat::kSuggestsKeywords) {
+    if (const char* suggestion = suggested_param(def, key)) {
+      PyErr_Format(PyExc_TypeError,
+                   "%U() got an unexpected keyword argument '%S'. Did you mean '%s'?",
+                   function_name, key, suggestion);
+      return;
+    }
   }
-#else
-  (void)def;
-#endif
   PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", function_name, key);
 }
 
