@@ -83,48 +83,22 @@ Ref concatenate(PyObject* open, PyObject* filled, PyObject* close) {
   return Ref::steal(PyNumber_Add(piece.get(), close));
 }
 
-// The list `sub` collects (each nonempty stretch between matches, each replacement other than
-// None) and joins at the end, written straight into one str. `str.join`'s error for an item that
-// is not a str is raised only once every match has been replaced, as `sub` raises it.
-class SubResult {
- public:
-  bool stretch(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
-    if (start >= end) return true;
-    ++count_;
-    return writer_.substring(text, start, end);
-  }
-  bool item(PyObject* piece) {
-    if (piece == Py_None) return true;
-    Py_ssize_t index = count_++;
-    if (bad_index_ >= 0) return true;
-    if (!PyUnicode_Check(piece)) {
-      bad_index_ = index;
-      bad_item_ = Ref::borrow(piece);
-      return true;
-    }
-    return writer_.str(piece);
-  }
-  // A replacement known to be `open + filled + "\n" + close` with filled a plain str.
-  bool block(PyObject* text, const MarkedBlock& block, PyObject* filled) {
-    ++count_;
-    if (bad_index_ >= 0) return true;
-    return writer_.substring(text, block.open_start, block.body_start) && writer_.str(filled) &&
-           writer_.lit("\n") && writer_.substring(text, block.close_start, block.close_end);
-  }
-  Ref finish() {
-    if (bad_index_ >= 0) {
-      join_type_error(bad_index_, bad_item_.get());
-      return Ref();
-    }
-    return writer_.finish();
-  }
+// What `sub` collects (each nonempty stretch between matches, each replacement other than None)
+// and joins at the end, written straight into one str: `str.join`'s error for an item that is not
+// a str comes only once every match has been replaced, as `sub` raises it.
+bool sub_stretch(JoinWriter& result, PyObject* text, Py_ssize_t start, Py_ssize_t end) {
+  if (start >= end) return true;
+  TextWriter* out = result.start();
+  return out ? out->substring(text, start, end) : !PyErr_Occurred();
+}
 
- private:
-  TextWriter writer_;
-  Py_ssize_t count_ = 0;
-  Ref bad_item_;
-  Py_ssize_t bad_index_ = -1;
-};
+// A replacement known to be `open + filled + "\n" + close` with filled a plain str.
+bool sub_block(JoinWriter& result, PyObject* text, const MarkedBlock& block, PyObject* filled) {
+  TextWriter* out = result.start();
+  if (!out) return !PyErr_Occurred();
+  return out->substring(text, block.open_start, block.body_start) && out->str(filled) &&
+         out->lit("\n") && out->substring(text, block.close_start, block.close_end);
+}
 
 class ScannedMatch final : public BlockMatch {
  public:
@@ -140,23 +114,23 @@ Ref replace_scanned(PyObject* text, const std::vector<MarkedBlock>& blocks, cons
   Py_ssize_t size = PyUnicode_GET_LENGTH(text);
   // Without a match `sub` hands back the text itself (a copy for a str subclass).
   if (blocks.empty()) return substring(text, 0, size);
-  SubResult result;
+  JoinWriter result("");
   Py_ssize_t done = 0;
   for (const MarkedBlock& block : blocks) {
-    if (!result.stretch(text, done, block.open_start)) return Ref();
+    if (!sub_stretch(result, text, done, block.open_start)) return Ref();
     Ref filled = fill(ScannedMatch(text, block));
     if (!filled) return Ref();
     if (plain_str(filled.get())) {
-      if (!result.block(text, block, filled.get())) return Ref();
+      if (!sub_block(result, text, block, filled.get())) return Ref();
     } else {
       Ref open = substring(text, block.open_start, block.body_start);
       Ref close = open ? substring(text, block.close_start, block.close_end) : Ref();
       Ref piece = close ? concatenate(open.get(), filled.get(), close.get()) : Ref();
-      if (!piece || !result.item(piece.get())) return Ref();
+      if (!piece || (piece.get() != Py_None && !result.item(piece.get()))) return Ref();
     }
     done = block.close_end;
   }
-  if (!result.stretch(text, done, size)) return Ref();
+  if (!sub_stretch(result, text, done, size)) return Ref();
   return result.finish();
 }
 

@@ -359,18 +359,6 @@ Ref strip_text(PyObject* text) {
   return Ref::steal(PyUnicode_Substring(text, start, end));
 }
 
-bool LineJoiner::line(PyObject* text) {
-  Py_ssize_t index = count_++;
-  if (bad_index_ >= 0) return true;
-  if (!PyUnicode_Check(text)) {
-    bad_index_ = index;
-    bad_item_ = Ref::borrow(text);
-    return true;
-  }
-  if (index > 0 && !writer_.lit("\n")) return false;
-  return writer_.str(text);
-}
-
 bool LineJoiner::lines(PyObject* iterable) {
   Ref iterator = Ref::steal(PyObject_GetIter(iterable));
   if (!iterator) {
@@ -389,21 +377,13 @@ bool LineJoiner::lines(PyObject* iterable) {
 }
 
 bool LineJoiner::row(const Ref* cells, int count) {
-  Py_ssize_t index = count_++;
-  if (bad_index_ >= 0) return true;
-  if ((index > 0 && !writer_.lit("\n")) || !writer_.lit("| ")) return false;
+  TextWriter* out = start();
+  if (!out) return !PyErr_Occurred();
+  if (!out->lit("| ")) return false;
   for (int i = 0; i < count; ++i) {
-    if ((i > 0 && !writer_.lit(" | ")) || !writer_.str(cells[i].get())) return false;
+    if ((i > 0 && !out->lit(" | ")) || !out->str(cells[i].get())) return false;
   }
-  return writer_.lit(" |");
-}
-
-Ref LineJoiner::finish() {
-  if (bad_index_ >= 0) {
-    join_type_error(bad_index_, bad_item_.get());
-    return Ref();
-  }
-  return writer_.finish();
+  return out->lit(" |");
 }
 
 bool write_table(const Env& env, LineJoiner& out, PyObject* header,

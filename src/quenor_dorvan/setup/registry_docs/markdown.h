@@ -32,21 +32,14 @@ class RowSource {
   virtual int traverse(visitproc visit, void* arg) = 0;
 };
 
-// Lines joined with "\n", with `str.join`'s error for an item that is not a str (reported, as
-// join reports it, only once every line has been produced).
-class LineJoiner {
+// Lines joined with "\n", as `"\n".join(lines)` joins them.
+class LineJoiner : public JoinWriter {
  public:
-  bool line(PyObject* text);
+  LineJoiner() : JoinWriter("\n") {}
+  bool line(PyObject* text) { return item(text); }
+  bool lines(PyObject* iterable);  // every item of an iterable, as `*iterable` spreads it
   // A table row as our own `_row` writes it, from cells already checked to be str.
   bool row(const Ref* cells, int count);
-  bool lines(PyObject* iterable);  // every item of an iterable, as `*iterable` spreads it
-  Ref finish();
-
- private:
-  TextWriter writer_;
-  Py_ssize_t count_ = 0;
-  Ref bad_item_;
-  Py_ssize_t bad_index_ = -1;
 };
 
 // Appends the table of `header` and the rows to `out`, through the module's `_table` as it is

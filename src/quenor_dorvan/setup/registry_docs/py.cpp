@@ -1,5 +1,7 @@
 #include "py.h"
 
+#include <cstring>
+
 #include "compat.h"
 
 namespace registry_docs {
@@ -33,6 +35,36 @@ bool TextWriter::ch(Py_UCS4 c) {
 Ref TextWriter::finish() {
   finished_ = true;
   return Ref::steal(_PyUnicodeWriter_Finish(&writer_));
+}
+
+JoinWriter::JoinWriter(const char* separator)
+    : separator_(separator), separator_size_(static_cast<Py_ssize_t>(strlen(separator))) {}
+
+TextWriter* JoinWriter::start() {
+  Py_ssize_t index = count_++;
+  if (bad_index_ >= 0) return nullptr;
+  if (index > 0 && separator_size_ > 0 && !writer_.ascii(separator_, separator_size_)) {
+    return nullptr;
+  }
+  return &writer_;
+}
+
+bool JoinWriter::item(PyObject* text) {
+  if (bad_index_ < 0 && !PyUnicode_Check(text)) {
+    bad_index_ = count_++;
+    bad_item_ = Ref::borrow(text);
+    return true;
+  }
+  TextWriter* out = start();
+  return out ? out->str(text) : !PyErr_Occurred();
+}
+
+Ref JoinWriter::finish() {
+  if (bad_index_ >= 0) {
+    join_type_error(bad_index_, bad_item_.get());
+    return Ref();
+  }
+  return writer_.finish();
 }
 
 namespace {

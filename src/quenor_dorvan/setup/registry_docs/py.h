@@ -60,6 +60,27 @@ class TextWriter {
   bool finished_ = false;
 };
 
+// Writes `separator.join(items)` item by item into one str. An item that is not a str is reported
+// as join reports it, and only once every item has been given (join sees them all first).
+class JoinWriter {
+ public:
+  explicit JoinWriter(const char* separator);
+  // One whole item.
+  bool item(PyObject* text);
+  // Starts the next item and gives the writer for its pieces, or null: with an exception set when
+  // writing failed, without one when an earlier item was not a str (the rest is only counted).
+  TextWriter* start();
+  Ref finish();
+
+ private:
+  TextWriter writer_;
+  const char* separator_;
+  Py_ssize_t separator_size_;
+  Py_ssize_t count_ = 0;
+  Ref bad_item_;
+  Py_ssize_t bad_index_ = -1;
+};
+
 // Interned names the code reads: module globals, attributes, mapping keys and fixed words.
 #define REGISTRY_DOCS_NAMES(X)                                \
   X(TOOLS, "TOOLS")                                           \
