@@ -352,15 +352,8 @@ Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
   if (!tools) return Ref();
   Ref tiers = lookup(env, Id::TIERS);
   if (!tiers) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(tiers.get()));
-  if (!iterator) return Ref();
-  std::vector<Ref> tier_lines;
-  while (Ref tier = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref line = tier_line(env, tier.get());
-    if (!line) return Ref();
-    tier_lines.push_back(std::move(line));
-  }
-  if (PyErr_Occurred()) return Ref();
+  Ref tier_lines = collect(tiers.get(), [&](PyObject* tier) { return tier_line(env, tier); });
+  if (!tier_lines) return Ref();
   Ref header = header_of({"#", "Tool", "Actions", "Tier", "Purpose"});
   Ref title = Ref::steal(PyUnicode_FromString("**Tiers:**"));
   if (!header || !title) return Ref();
@@ -369,10 +362,7 @@ Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
       !out.line(name(Id::empty)) || !out.line(title.get()) || !out.line(name(Id::empty))) {
     return Ref();
   }
-  for (const Ref& line : tier_lines) {
-    if (!out.line(line.get())) return Ref();
-  }
-  return out.finish();
+  return out.lines(tier_lines.get()) ? out.finish() : Ref();
 }
 
 Ref mcp_cli_block_body(const Env& env, PyObject* const*) {
@@ -404,21 +394,15 @@ Ref default_cell_body(const Env& env, PyObject* const* args) {
   if (!text) return Ref();
   Ref pairs = getattr(param, Id::action_defaults);
   if (!pairs) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(pairs.get()));
-  Ref pieces = Ref::steal(PyList_New(0));
-  if (!iterator || !pieces) return Ref();
-  while (Ref pair = Ref::steal(PyIter_Next(iterator.get()))) {
+  Ref pieces = collect(pairs.get(), [&](PyObject* pair) -> Ref {
     Ref action, action_value;
-    if (!unpack_pair(pair.get(), action, action_value)) return Ref();
+    if (!unpack_pair(pair, action, action_value)) return Ref();
     Ref action_text = format_text(action.get());
-    if (!action_text) return Ref();
-    Ref spelled = call_global(env, Id::value, {action_value.get()});
-    if (!spelled) return Ref();
-    Ref piece = Text().formatted(action_text.get()).lit(": ").value(spelled.get()).finish();
-    if (!piece || PyList_Append(pieces.get(), piece.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  Ref by_action = join(Id::comma, pieces.get());
+    Ref spelled = action_text ? call_global(env, Id::value, {action_value.get()}) : Ref();
+    return spelled ? Text().formatted(action_text.get()).lit(": ").value(spelled.get()).finish()
+                   : Ref();
+  });
+  Ref by_action = pieces ? join(Id::comma, pieces.get()) : Ref();
   if (!by_action) return Ref();
   if (PyUnicode_GET_LENGTH(by_action.get()) == 0) return text;
   return Text().value(text.get()).lit(" (").value(by_action.get()).lit(")").finish();
@@ -545,14 +529,9 @@ Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
   if (!schema_names) return Ref();
   Ref params = getattr(tool, Id::all_params);
   if (!params) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(params.get()));
-  Ref registry_names = Ref::steal(PyList_New(0));
-  if (!iterator || !registry_names) return Ref();
-  while (Ref param = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref param_name = getattr(param.get(), Id::name);
-    if (!param_name || PyList_Append(registry_names.get(), param_name.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
+  Ref registry_names =
+      collect(params.get(), [](PyObject* param) { return getattr(param, Id::name); });
+  if (!registry_names) return Ref();
   int same = PyObject_RichCompareBool(schema_names.get(), registry_names.get(), Py_EQ);
   if (same < 0) return Ref();
   if (!same) {

@@ -114,45 +114,33 @@ Ref ordered_tools_body(const Env& env, PyObject* const*) {
 
 Ref tier_tools_body(const Env& env, PyObject* const* args) {
   PyObject* wanted = args[0];
-  Ref tools = iter_tools(env);
-  if (!tools) return Ref();
-  Ref result = Ref::steal(PyList_New(0));
+  Ref tools = lookup(env, Id::TOOLS);
+  Ref result = tools ? Ref::steal(PyList_New(0)) : Ref();
   if (!result) return Ref();
-  while (Ref tool = Ref::steal(PyIter_Next(tools.get()))) {
-    Ref tier = getattr(tool.get(), Id::tier);
-    if (!tier) return Ref();
-    Ref equal = Ref::steal(PyObject_RichCompare(tier.get(), wanted, Py_EQ));
-    if (!equal) return Ref();
-    int truth = PyObject_IsTrue(equal.get());
-    if (truth < 0) return Ref();
-    if (truth && PyList_Append(result.get(), tool.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return result;
+  bool ok = for_each(tools.get(), [&](PyObject* tool) {
+    Ref tier = getattr(tool, Id::tier);
+    Ref equal = tier ? Ref::steal(PyObject_RichCompare(tier.get(), wanted, Py_EQ)) : Ref();
+    int truth = equal ? PyObject_IsTrue(equal.get()) : -1;
+    return truth >= 0 && (!truth || PyList_Append(result.get(), tool) == 0);
+  });
+  return ok ? result : Ref();
 }
 
 Ref tier_counts_body(const Env& env, PyObject* const*) {
   Ref tiers = lookup(env, Id::TIERS);
   if (!tiers) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(tiers.get()));
-  if (!iterator) return Ref();
-  Ref pieces = Ref::steal(PyList_New(0));
-  if (!pieces) return Ref();
-  while (Ref tier = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref tools = call_global(env, Id::tier_tools, {tier.get()});
-    if (!tools) return Ref();
-    Py_ssize_t count = PyObject_Size(tools.get());
-    if (count < 0) return Ref();
-    Ref number = ssize_text(count);
-    Ref tier_text = format_text(tier.get());
-    if (!number || !tier_text) return Ref();
+  Ref pieces = collect(tiers.get(), [&](PyObject* tier) -> Ref {
+    Ref tools = call_global(env, Id::tier_tools, {tier});
+    Py_ssize_t count = tools ? PyObject_Size(tools.get()) : -1;
+    Ref number = count >= 0 ? ssize_text(count) : Ref();
+    Ref tier_text = number ? format_text(tier) : Ref();
     TextWriter out;
-    if (!out.str(number.get()) || !out.lit(" ") || !out.str(tier_text.get())) return Ref();
-    Ref piece = out.finish();
-    if (!piece || PyList_Append(pieces.get(), piece.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return join(Id::and_sep, pieces.get());
+    if (!tier_text || !out.str(number.get()) || !out.lit(" ") || !out.str(tier_text.get())) {
+      return Ref();
+    }
+    return out.finish();
+  });
+  return pieces ? join(Id::and_sep, pieces.get()) : Ref();
 }
 
 Ref actions_cell_body(const Env& env, PyObject* const* args) {
@@ -175,53 +163,34 @@ Ref cli_usage_body(const Env& env, PyObject* const* args) {
   if (!command || PyList_Append(words.get(), command.get()) < 0) return Ref();
   Ref params = getattr(tool, Id::all_params);
   if (!params) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(params.get()));
-  if (!iterator) return Ref();
-  while (Ref param = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref required = getattr(param.get(), Id::required);
-    if (!required) return Ref();
-    int truth = PyObject_IsTrue(required.get());
-    if (truth < 0) return Ref();
-    if (!truth) continue;
-    Ref param_name = getattr(param.get(), Id::name);
-    if (!param_name) return Ref();
-    Ref option = call_global(env, Id::snake_to_kebab, {param_name.get()});
-    if (!option) return Ref();
-    Ref option_text = format_text(option.get());
-    if (!option_text) return Ref();
-    param_name = getattr(param.get(), Id::name);
-    if (!param_name) return Ref();
-    Ref placeholder = format_text(param_name.get());
-    if (!placeholder) return Ref();
+  bool ok = for_each(params.get(), [&](PyObject* param) {
+    Ref required = getattr(param, Id::required);
+    int truth = required ? PyObject_IsTrue(required.get()) : -1;
+    if (truth <= 0) return truth == 0;
+    Ref param_name = getattr(param, Id::name);
+    Ref option = param_name ? call_global(env, Id::snake_to_kebab, {param_name.get()}) : Ref();
+    Ref option_text = option ? format_text(option.get()) : Ref();
+    param_name = option_text ? getattr(param, Id::name) : Ref();
+    Ref placeholder = param_name ? format_text(param_name.get()) : Ref();
     TextWriter out;
-    if (!out.lit("--") || !out.str(option_text.get()) || !out.lit(" <") ||
+    if (!placeholder || !out.lit("--") || !out.str(option_text.get()) || !out.lit(" <") ||
         !out.str(placeholder.get()) || !out.lit(">")) {
-      return Ref();
+      return false;
     }
     Ref word = out.finish();
-    if (!word || PyList_Append(words.get(), word.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return join(Id::space, words.get());
+    return word && PyList_Append(words.get(), word.get()) == 0;
+  });
+  return ok ? join(Id::space, words.get()) : Ref();
 }
 
 }  // namespace
 
 Ref code_spans(const Env& env, PyObject* iterable, Id separator, bool by_name) {
-  Ref iterator = Ref::steal(PyObject_GetIter(iterable));
-  if (!iterator) return Ref();
-  Ref spans = Ref::steal(PyList_New(0));
-  if (!spans) return Ref();
-  while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
-    if (by_name) {
-      item = getattr(item.get(), Id::name);
-      if (!item) return Ref();
-    }
-    Ref span = call_global(env, Id::code, {item.get()});
-    if (!span || PyList_Append(spans.get(), span.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return join(separator, spans.get());
+  Ref spans = collect(iterable, [&](PyObject* item) -> Ref {
+    Ref text = by_name ? getattr(item, Id::name) : Ref::borrow(item);
+    return text ? call_global(env, Id::code, {text.get()}) : Ref();
+  });
+  return spans ? join(separator, spans.get()) : Ref();
 }
 
 const FunctionDef kOrderedTools = {

@@ -231,23 +231,18 @@ Ref make_record(PyObject* record_type, const char* path, PyObject* blocks, PyObj
 bool append_params_blocks(const Env& env, PyObject* blocks) {
   Ref tools = call_global(env, Id::ordered_tools, {});
   if (!tools) return false;
-  Ref iterator = Ref::steal(PyObject_GetIter(tools.get()));
-  if (!iterator) return false;
-  while (Ref tool = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref tool_name = getattr(tool.get(), Id::name);
-    if (!tool_name) return false;
-    Ref formatted = Ref::steal(PyObject_Format(tool_name.get(), nullptr));
-    if (!formatted) return false;
+  return for_each(tools.get(), [&](PyObject* tool) {
+    Ref tool_name = getattr(tool, Id::name);
+    Ref formatted = tool_name ? Ref::steal(PyObject_Format(tool_name.get(), nullptr)) : Ref();
     TextWriter key_writer;
-    if (!key_writer.lit("params:") || !key_writer.str(formatted.get())) return false;
+    if (!formatted || !key_writer.lit("params:") || !key_writer.str(formatted.get())) {
+      return false;
+    }
     Ref key = key_writer.finish();
-    if (!key) return false;
-    Ref renderer = call_global(env, Id::params_renderer, {tool.get()});
-    if (!renderer) return false;
-    Ref pair = Ref::steal(PyTuple_Pack(2, key.get(), renderer.get()));
-    if (!pair || PyList_Append(blocks, pair.get()) < 0) return false;
-  }
-  return !PyErr_Occurred();
+    Ref renderer = key ? call_global(env, Id::params_renderer, {tool}) : Ref();
+    Ref pair = renderer ? Ref::steal(PyTuple_Pack(2, key.get(), renderer.get())) : Ref();
+    return pair && PyList_Append(blocks, pair.get()) == 0;
+  });
 }
 
 // The catalogue's files: path, fixed blocks (name and renderer), encoder (the record's default
@@ -342,16 +337,7 @@ Ref block_names_body(const Env& env, PyObject* const* args) {
   }
   Ref matches = call_method(marker.get(), Id::finditer, {text});
   if (!matches) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(matches.get()));
-  if (!iterator) return Ref();
-  Ref names = Ref::steal(PyList_New(0));
-  if (!names) return Ref();
-  while (Ref match = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref block_name = subscript(match.get(), Id::name);
-    if (!block_name || PyList_Append(names.get(), block_name.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return names;
+  return collect(matches.get(), [](PyObject* match) { return subscript(match, Id::name); });
 }
 
 Ref blocks_body(const Env& env, PyObject* const* args) {
@@ -372,15 +358,12 @@ Ref blocks_body(const Env& env, PyObject* const* args) {
   }
   Ref matches = call_method(marker.get(), Id::finditer, {text});
   if (!matches) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(matches.get()));
-  if (!iterator) return Ref();
-  while (Ref match = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref block_name = subscript(match.get(), Id::name);
-    Ref body = block_name ? subscript(match.get(), Id::body) : Ref();
-    if (!body || PyDict_SetItem(bodies.get(), block_name.get(), body.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return bodies;
+  bool ok = for_each(matches.get(), [&](PyObject* match) {
+    Ref block_name = subscript(match, Id::name);
+    Ref body = block_name ? subscript(match, Id::body) : Ref();
+    return body && PyDict_SetItem(bodies.get(), block_name.get(), body.get()) == 0;
+  });
+  return ok ? bodies : Ref();
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -444,16 +427,13 @@ Ref repeated_names(PyObject* found) {
   }
   Ref one = Ref::steal(PyLong_FromLong(1));
   Ref count_name = text_of("count");
-  Ref iterator = one && count_name ? Ref::steal(PyObject_GetIter(found)) : Ref();
-  if (!iterator) return Ref();
-  while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref count = Ref::steal(PyObject_CallMethodOneArg(found, count_name.get(), item.get()));
-    if (!count) return Ref();
-    int many = compare(count.get(), one.get(), Py_GT);
-    if (many < 0 || (many && PySet_Add(repeated.get(), item.get()) < 0)) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return repeated;
+  if (!one || !count_name) return Ref();
+  bool ok = for_each(found, [&](PyObject* item) {
+    Ref count = Ref::steal(PyObject_CallMethodOneArg(found, count_name.get(), item));
+    int many = count ? compare(count.get(), one.get(), Py_GT) : -1;
+    return many == 0 || (many > 0 && PySet_Add(repeated.get(), item) == 0);
+  });
+  return ok ? repeated : Ref();
 }
 
 void raise_markers_mismatch(PyObject* generated, PyObject* expected, PyObject* found) {
@@ -490,18 +470,13 @@ Ref render_file_body(const Env& env, PyObject* const* args) {
   Ref generated = Ref::borrow(args[1]);
   Ref declared = getattr(generated.get(), Id::blocks);
   if (!declared) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(declared.get()));
-  if (!iterator) return Ref();
-  Ref pairs = Ref::steal(PyList_New(0));
-  Ref expected = Ref::steal(PyList_New(0));
-  if (!pairs || !expected) return Ref();
-  while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+  Ref pairs = collect(declared.get(), [](PyObject* item) -> Ref {
     Ref block_name, renderer;
-    if (!unpack_pair(item.get(), block_name, renderer)) return Ref();
-    Ref pair = Ref::steal(PyTuple_Pack(2, block_name.get(), renderer.get()));
-    if (!pair || PyList_Append(pairs.get(), pair.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
+    if (!unpack_pair(item, block_name, renderer)) return Ref();
+    return Ref::steal(PyTuple_Pack(2, block_name.get(), renderer.get()));
+  });
+  Ref expected = pairs ? Ref::steal(PyList_New(0)) : Ref();
+  if (!expected) return Ref();
   for (Py_ssize_t i = 0; i < PyList_GET_SIZE(pairs.get()); ++i) {
     PyObject* block_name = PyTuple_GET_ITEM(PyList_GET_ITEM(pairs.get(), i), 0);
     if (PyList_Append(expected.get(), block_name) < 0) return Ref();
@@ -552,35 +527,20 @@ Ref read_body(const Env&, PyObject* const* args) {
                                               1 | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames.get()));
 }
 
-// `mapping.get(key)`.
-Ref get_item(PyObject* mapping, PyObject* key) {
-  if (PyDict_CheckExact(mapping)) {
-    PyObject* found = nullptr;
-    int status = compat::dict_get_ref(mapping, key, &found);
-    if (status < 0) return Ref();
-    return status ? Ref::steal(found) : Ref::borrow(Py_None);
-  }
-  return call_method(mapping, Id::get, {key});
-}
-
 // `[name for name, body in old.items() if new.get(name) != body]`.
 Ref stale_names(PyObject* old_blocks, PyObject* new_blocks) {
   Ref items = call_method(old_blocks, Id::items, {});
   if (!items) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(items.get()));
-  if (!iterator) return Ref();
   Ref stale = Ref::steal(PyList_New(0));
   if (!stale) return Ref();
-  while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+  bool ok = for_each(items.get(), [&](PyObject* item) {
     Ref block_name, body;
-    if (!unpack_pair(item.get(), block_name, body)) return Ref();
-    Ref now = get_item(new_blocks, block_name.get());
-    if (!now) return Ref();
-    int differ = compare(now.get(), body.get(), Py_NE);
-    if (differ < 0 || (differ && PyList_Append(stale.get(), block_name.get()) < 0)) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return stale;
+    if (!unpack_pair(item, block_name, body)) return false;
+    Ref now = mapping_get(new_blocks, block_name.get());
+    int differ = now ? compare(now.get(), body.get(), Py_NE) : -1;
+    return differ == 0 || (differ > 0 && PyList_Append(stale.get(), block_name.get()) == 0);
+  });
+  return ok ? stale : Ref();
 }
 
 // While an exception is handled, as inside an `except` clause: what is raised meanwhile gets it
@@ -629,32 +589,25 @@ Ref stale_blocks_body(const Env& env, PyObject* const* args) {
   if (!problems) return Ref();
   Ref catalogue = call_global(env, Id::generated_files, {});
   if (!catalogue) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(catalogue.get()));
-  if (!iterator) return Ref();
-  while (Ref generated = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref text = call_global(env, Id::read, {root.get(), generated.get()});
-    if (!text) return Ref();
-    Ref rendered = call_global(env, Id::render_file, {text.get(), generated.get()});
-    if (!rendered) {
-      if (!PyErr_ExceptionMatches(PyExc_ValueError)) return Ref();
+  bool ok = for_each(catalogue.get(), [&](PyObject* generated) {
+    Ref text = call_global(env, Id::read, {root.get(), generated});
+    if (!text) return false;
+    Ref rendered = call_global(env, Id::render_file, {text.get(), generated});
+    Ref line;
+    if (rendered) {
+      int same = compare(rendered.get(), text.get(), Py_EQ);
+      if (same) return same > 0;
+      line = stale_line(env, generated, text.get(), rendered.get());
+    } else {
+      if (!PyErr_ExceptionMatches(PyExc_ValueError)) return false;
       Ref error = Ref::steal(compat::take_exception());
-      if (!error) return Ref();
-      Ref message;
-      {
-        Handling handling(error.get());
-        message = Ref::steal(PyObject_Str(error.get()));
-      }
-      if (!message || PyList_Append(problems.get(), message.get()) < 0) return Ref();
-      continue;
+      if (!error) return false;
+      Handling handling(error.get());
+      line = Ref::steal(PyObject_Str(error.get()));
     }
-    int same = compare(rendered.get(), text.get(), Py_EQ);
-    if (same < 0) return Ref();
-    if (same) continue;
-    Ref line = stale_line(env, generated.get(), text.get(), rendered.get());
-    if (!line || PyList_Append(problems.get(), line.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return problems;
+    return line && PyList_Append(problems.get(), line.get()) == 0;
+  });
+  return ok ? problems : Ref();
 }
 
 // `text.encode("utf-8")`.
@@ -684,42 +637,29 @@ Ref write_blocks_body(const Env& env, PyObject* const* args) {
   if (!catalogue) return Ref();
   Ref rendered = Ref::steal(PyDict_New());
   if (!rendered) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(catalogue.get()));
-  if (!iterator) return Ref();
-  while (Ref generated = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref path = getattr(generated.get(), Id::path);
-    if (!path) return Ref();
-    Ref render = lookup(env, Id::render_file);
-    if (!render) return Ref();
-    Ref text = call_global(env, Id::read, {root.get(), generated.get()});
-    if (!text) return Ref();
-    Ref result = call_found(render.get(), {text.get(), generated.get()});
-    if (!result || PyDict_SetItem(rendered.get(), path.get(), result.get()) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
+  bool ok = for_each(catalogue.get(), [&](PyObject* generated) {
+    Ref path = getattr(generated, Id::path);
+    Ref render = path ? lookup(env, Id::render_file) : Ref();
+    Ref text = render ? call_global(env, Id::read, {root.get(), generated}) : Ref();
+    Ref result = text ? call_found(render.get(), {text.get(), generated}) : Ref();
+    return result && PyDict_SetItem(rendered.get(), path.get(), result.get()) == 0;
+  });
+  if (!ok) return Ref();
 
   Ref paths = Ref::steal(PyList_New(0));
   Ref contents = Ref::steal(PyList_New(0));
   if (!paths || !contents) return Ref();
-  iterator = Ref::steal(PyObject_GetIter(catalogue.get()));
-  if (!iterator) return Ref();
-  while (Ref generated = Ref::steal(PyIter_Next(iterator.get()))) {
-    Ref current = call_global(env, Id::read, {root.get(), generated.get()});
-    if (!current) return Ref();
-    Ref path = getattr(generated.get(), Id::path);
-    if (!path) return Ref();
-    Ref text = subscript(rendered.get(), path.get());
-    if (!text) return Ref();
-    int differ = compare(current.get(), text.get(), Py_NE);
-    if (differ < 0) return Ref();
-    if (!differ) continue;
+  ok = for_each(catalogue.get(), [&](PyObject* generated) {
+    Ref current = call_global(env, Id::read, {root.get(), generated});
+    Ref path = current ? getattr(generated, Id::path) : Ref();
+    Ref text = path ? subscript(rendered.get(), path.get()) : Ref();
+    int differ = text ? compare(current.get(), text.get(), Py_NE) : -1;
+    if (differ <= 0) return differ == 0;
     Ref data = utf8_bytes(text.get());
-    if (!data || PyList_Append(paths.get(), path.get()) < 0 ||
-        PyList_Append(contents.get(), data.get()) < 0) {
-      return Ref();
-    }
-  }
-  if (PyErr_Occurred()) return Ref();
+    return data && PyList_Append(paths.get(), path.get()) == 0 &&
+           PyList_Append(contents.get(), data.get()) == 0;
+  });
+  if (!ok) return Ref();
 
   for (Py_ssize_t i = 0; i < PyList_GET_SIZE(paths.get()); ++i) {
     Ref path = Ref::borrow(PyList_GET_ITEM(paths.get(), i));

@@ -112,15 +112,7 @@ Ref row_body(const Env&, PyObject* const* args) {
 
 // The rule under a header: one "---" for each title, read by iterating the header again.
 Ref rule_cells(PyObject* header) {
-  Ref iterator = Ref::steal(PyObject_GetIter(header));
-  if (!iterator) return Ref();
-  Ref rule = Ref::steal(PyList_New(0));
-  if (!rule) return Ref();
-  while (Ref title = Ref::steal(PyIter_Next(iterator.get()))) {
-    if (PyList_Append(rule.get(), name(Id::rule)) < 0) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return rule;
+  return collect(header, [](PyObject*) { return Ref::borrow(name(Id::rule)); });
 }
 
 Ref table_body(const Env& env, PyObject* const* args) {
@@ -139,13 +131,7 @@ Ref table_body(const Env& env, PyObject* const* args) {
   if (!rule) return Ref();
   Ref rule_line = call_found(row_fn.get(), {rule.get()});
   if (!rule_line || PyList_Append(lines.get(), rule_line.get()) < 0) return Ref();
-  Ref iterator = Ref::steal(PyObject_GetIter(args[1]));
-  if (!iterator) return Ref();
-  while (Ref cells = Ref::steal(PyIter_Next(iterator.get()))) {
-    if (!append_row(cells.get())) return Ref();
-  }
-  if (PyErr_Occurred()) return Ref();
-  return lines;
+  return for_each(args[1], append_row) ? lines : Ref();
 }
 
 Ref value_body(const Env& env, PyObject* const* args) {
@@ -154,16 +140,8 @@ Ref value_body(const Env& env, PyObject* const* args) {
     return Ref::steal(PyUnicode_FromString(value == Py_True ? "true" : "false"));
   }
   if (PyList_Check(value) || PyTuple_Check(value)) {
-    Ref iterator = Ref::steal(PyObject_GetIter(value));
-    if (!iterator) return Ref();
-    Ref parts = Ref::steal(PyList_New(0));
-    if (!parts) return Ref();
-    while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
-      Ref text = call_global(env, Id::value, {item.get()});
-      if (!text || PyList_Append(parts.get(), text.get()) < 0) return Ref();
-    }
-    if (PyErr_Occurred()) return Ref();
-    return join(Id::comma, parts.get());
+    Ref parts = collect(value, [&](PyObject* item) { return call_global(env, Id::value, {item}); });
+    return parts ? join(Id::comma, parts.get()) : Ref();
   }
   return Ref::steal(PyObject_Str(value));
 }

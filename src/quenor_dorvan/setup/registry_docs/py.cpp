@@ -122,14 +122,18 @@ Ref subscript(PyObject* obj, Id key) {
   return subscript(obj, name(key));
 }
 
-Ref mapping_get(PyObject* mapping, Id key) {
+Ref mapping_get(PyObject* mapping, PyObject* key) {
   if (PyDict_CheckExact(mapping)) {
     PyObject* found = nullptr;
-    int status = compat::dict_get_ref(mapping, name(key), &found);
+    int status = compat::dict_get_ref(mapping, key, &found);
     if (status < 0) return Ref();
     return status ? Ref::steal(found) : Ref::borrow(Py_None);
   }
-  return call_method(mapping, Id::get, {name(key)});
+  return call_method(mapping, Id::get, {key});
+}
+
+Ref mapping_get(PyObject* mapping, Id key) {
+  return mapping_get(mapping, name(key));
 }
 
 bool check_concat(PyObject* obj) {

@@ -209,6 +209,30 @@ inline Ref getattr(PyObject* obj, Id id) {
   return Ref::steal(PyObject_GetAttr(obj, name(id)));
 }
 
+// Calls fn(item) for each item of an iterable, as a for loop does; false with an exception set
+// when taking an item fails or fn does (fn returns false).
+template <typename F>
+bool for_each(PyObject* iterable, F fn) {
+  Ref iterator = Ref::steal(PyObject_GetIter(iterable));
+  if (!iterator) return false;
+  while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
+    if (!fn(item.get())) return false;
+  }
+  return !PyErr_Occurred();
+}
+
+// `[fn(item) for item in iterable]`: fn gives each element, or null with an exception set.
+template <typename F>
+Ref collect(PyObject* iterable, F fn) {
+  Ref list = Ref::steal(PyList_New(0));
+  if (!list) return Ref();
+  bool ok = for_each(iterable, [&](PyObject* item) {
+    Ref element = fn(item);
+    return element && PyList_Append(list.get(), element.get()) == 0;
+  });
+  return ok ? list : Ref();
+}
+
 // Calls a method by name with positional arguments.
 Ref call_method(PyObject* obj, Id method, std::initializer_list<PyObject*> args);
 // Calls any callable with positional arguments.
@@ -217,7 +241,8 @@ Ref call(PyObject* callable, std::initializer_list<PyObject*> args);
 // `obj[key]` and `obj.get(key)` as Python spells them (exact dicts take the direct path).
 Ref subscript(PyObject* obj, Id key);
 Ref subscript(PyObject* obj, PyObject* key);
-Ref mapping_get(PyObject* mapping, Id key);  // None when absent
+Ref mapping_get(PyObject* mapping, PyObject* key);  // None when absent
+Ref mapping_get(PyObject* mapping, Id key);
 
 // `open + text + close` for a str and two ASCII characters, built at its exact size.
 Ref enclosed(char open, PyObject* text, char close);

@@ -89,9 +89,4 @@ bool import_host_names(PyObject* module) {
          import_from(module, "quenor_dorvan.workers.api_endpoints", {"ENDPOINT_FRAMEWORKS"});
 }
 
-Ref iter_tools(const Env& env) {
-  Ref tools = lookup(env, Id::TOOLS);
-  return tools ? Ref::steal(PyObject_GetIter(tools.get())) : Ref();
-}
-
 }  // namespace registry_docs

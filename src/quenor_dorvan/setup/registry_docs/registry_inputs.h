@@ -13,7 +13,4 @@ bool import_host_names(PyObject* module);
 bool import_from(PyObject* module, const char* module_name,
                  std::initializer_list<const char*> names);
 
-// The tools of `TOOLS`, in registry order, as the iterator a for loop takes.
-Ref iter_tools(const Env& env);
-
 }  // namespace registry_docs
