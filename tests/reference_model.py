@@ -140,18 +140,13 @@ def mcp_params_block(tool):
     header = ("Parameter", "CLI", "Type", "Required", "Default",
               *(("Actions",) if has_actions else ()), "Description")
 
-    def row(param):
+    rows = []
+    for param in tool.all_params:
         prop = properties[param.name]
-        yield _code(param.name)
-        yield _code(f"--{snake_to_kebab(param.name)}")
-        yield _type_cell(prop)
-        yield "Yes" if param.name in required else "No"
-        yield _cell(_default_cell(param))
-        if has_actions:
-            yield ", ".join(param.applies_to) or "all"
-        yield _description_cell(param, prop)
-
-    rows = (row(param) for param in tool.all_params)
+        rows.append((_code(param.name), _code(f"--{snake_to_kebab(param.name)}"), _type_cell(prop),
+                     "Yes" if param.name in required else "No", _cell(_default_cell(param)),
+                     *((", ".join(param.applies_to) or "all",) if has_actions else ()),
+                     _description_cell(param, prop)))
     lines = ((["**Actions:** " + " | ".join(_code(n) for n in tool.action_names), ""]
               if has_actions else []) + ["#### Parameters", "", *_table(header, rows)])
     return "\n".join(lines)

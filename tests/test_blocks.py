@@ -26,6 +26,7 @@ OVERVIEW_TABLE = ("| # | Tool | Actions | Tier | Purpose |", "| --- | --- | --- 
 CLI_TABLE = ("| Tool | CLI usage |", "| --- | --- |")
 PARAMS_TABLE = ("| Parameter | CLI | Type | Required | Default | Actions | Description |",
                 "| --- | --- | --- | --- | --- | --- | --- |")
+PARAMS_TABLE_HEADER = ("Parameter", "CLI", "Type", "Required", "Default", "Actions", "Description")
 PLAIN_PARAMS_TABLE = ("| Parameter | CLI | Type | Required | Default | Description |",
                       "| --- | --- | --- | --- | --- | --- |")
 
@@ -177,6 +178,31 @@ class ParamsTest(unittest.TestCase):
                     ("find",), (param("path"), param("limit")), properties)),
                     ("example_search: the CLI schema and the registry name different parameters",))
         self.assertEqual(calls, [])
+
+    def test_rows_are_built_before_the_table(self):
+        events = []
+        table = lambda header, rows: events.append(("table", header, rows)) or ["T"]  # noqa: E731
+        row = lambda cells: events.append(("row", tuple(cells))) or "R"  # noqa: E731
+        properties = {"path": self.PATH, "limit": self.LIMIT}
+        failing = (param("path"), param("limit", action_defaults=(("list",),)))
+        for replaced in (dict(_table=table), dict(_row=row)):
+            with rebound(**replaced):
+                self.assertEqual(raised(self, ValueError, lambda: self.render(
+                    ("find",), failing, properties)),
+                    ("not enough values to unpack (expected 2, got 1)",))
+        self.assertEqual(events, [])
+        cells = ("`path`", "`--path`", "string", "No", "--", "all", "Directory to search.")
+        with rebound(_table=table, _code=lambda text: events.append(text) or f"`{text}`"):
+            self.assertEqual(self.render(("find",), failing[:1], {"path": self.PATH}), lines(
+                "**Actions:** `find`", "", "#### Parameters", "", "T"))
+        self.assertEqual(events, ["path", "--path", "find", ("table", PARAMS_TABLE_HEADER,
+                                                             [cells])])
+        events.clear()
+        with rebound(_row=row):
+            self.assertEqual(self.render(("find",), failing[:1], {"path": self.PATH}), lines(
+                "**Actions:** `find`", "", "#### Parameters", "", "R", "R", "R"))
+        self.assertEqual(events, [("row", PARAMS_TABLE_HEADER), ("row", ("---",) * 7),
+                                  ("row", cells)])
 
     def test_default_cell(self):
         self.assertEqual([docs._default_cell(param("p", default=d)) for d in (20, None, False)],

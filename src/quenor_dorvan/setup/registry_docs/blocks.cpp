@@ -191,83 +191,37 @@ class CliRows : public ToolRows {
   }
 };
 
-// One row per parameter; the state of a row is the pair (param, its schema property).
-class ParamRows : public RowSource {
- public:
-  ParamRows(Ref params, Ref properties, Ref required, bool has_actions)
-      : params_(std::move(params)),
-        properties_(std::move(properties)),
-        required_(std::move(required)),
-        has_actions_(has_actions) {}
-  int columns() const override { return has_actions_ ? 7 : 6; }
-  // The state of a row is the list [param, prop]: the property is looked up when the row's first
-  // cell is read, as the row's generator would on its first step.
-  bool next_row(const Env&, Ref& state) override {
-    Ref param = Ref::steal(PyIter_Next(params_.get()));
-    if (!param) return false;
-    state = Ref::steal(PyList_New(2));
-    if (!state) return false;
-    PyList_SET_ITEM(state.get(), 0, param.release());
-    PyList_SET_ITEM(state.get(), 1, Ref::borrow(Py_None).release());
+// The cells of one parameter's row, in column order, appended to `cells`; the property is looked
+// up first, as the row is built from it.
+bool append_param_row(const Env& env, PyObject* param, PyObject* properties, PyObject* required,
+                      bool has_actions, std::vector<Ref>& cells) {
+  Ref param_name = getattr(param, Id::name);
+  Ref prop = param_name ? subscript(properties, param_name.get()) : Ref();
+  if (!prop) return false;
+  auto add = [&cells](Ref cell) {
+    if (!cell) return false;
+    cells.push_back(std::move(cell));
     return true;
+  };
+  if (!add(apply_to_field(env, Id::code, param, Id::name))) return false;
+  param_name = getattr(param, Id::name);
+  Ref option = param_name ? call_global(env, Id::snake_to_kebab, {param_name.get()}) : Ref();
+  Ref option_text = option ? Text().lit("--").value(option.get()).finish() : Ref();
+  if (!add(option_text ? call_global(env, Id::code, {option_text.get()}) : Ref())) return false;
+  if (!add(call_global(env, Id::type_cell, {prop.get()}))) return false;
+  param_name = getattr(param, Id::name);
+  int found = param_name ? PySequence_Contains(required, param_name.get()) : -1;
+  if (found < 0 || !add(Ref::borrow(name(found ? Id::yes : Id::no)))) return false;
+  Ref default_text = call_global(env, Id::default_cell, {param});
+  if (!add(default_text ? call_global(env, Id::cell, {default_text.get()}) : Ref())) return false;
+  if (has_actions) {
+    Ref actions = getattr(param, Id::applies_to);
+    Ref text = actions ? join(Id::comma, actions.get()) : Ref();
+    if (text && PyUnicode_GET_LENGTH(text.get()) == 0) text = Ref::borrow(name(Id::all));
+    if (!add(std::move(text))) return false;
   }
-  Ref cell(const Env& env, PyObject* state, int column) override {
-    Ref param = Ref::borrow(PyList_GET_ITEM(state, 0));
-    if (column == 0) {
-      Ref param_name = getattr(param.get(), Id::name);
-      Ref prop = param_name ? subscript(properties_.get(), param_name.get()) : Ref();
-      if (!prop || PyList_SetItem(state, 1, prop.release()) < 0) return Ref();
-      return apply_to_field(env, Id::code, param.get(), Id::name);
-    }
-    Ref prop = Ref::borrow(PyList_GET_ITEM(state, 1));
-    if (!has_actions_ && column >= 5) ++column;  // no Actions column
-    switch (column) {
-      case 1: {
-        Ref param_name = getattr(param.get(), Id::name);
-        if (!param_name) return Ref();
-        Ref option = call_global(env, Id::snake_to_kebab, {param_name.get()});
-        if (!option) return Ref();
-        Ref text = Text().lit("--").value(option.get()).finish();
-        return text ? call_global(env, Id::code, {text.get()}) : Ref();
-      }
-      case 2:
-        return call_global(env, Id::type_cell, {prop.get()});
-      case 3: {
-        Ref param_name = getattr(param.get(), Id::name);
-        if (!param_name) return Ref();
-        int found = PySequence_Contains(required_.get(), param_name.get());
-        if (found < 0) return Ref();
-        return Ref::borrow(name(found ? Id::yes : Id::no));
-      }
-      case 4: {
-        Ref text = call_global(env, Id::default_cell, {param.get()});
-        return text ? call_global(env, Id::cell, {text.get()}) : Ref();
-      }
-      case 5: {
-        Ref actions = getattr(param.get(), Id::applies_to);
-        if (!actions) return Ref();
-        Ref text = join(Id::comma, actions.get());
-        if (!text) return Ref();
-        if (PyUnicode_GET_LENGTH(text.get()) == 0) return Ref::borrow(name(Id::all));
-        return text;
-      }
-      default:
-        return call_global(env, Id::description_cell, {param.get(), prop.get()});
-    }
-  }
-  int traverse(visitproc visit, void* arg) override {
-    Py_VISIT(params_.get());
-    Py_VISIT(properties_.get());
-    Py_VISIT(required_.get());
-    return 0;
-  }
-
- private:
-  Ref params_;
-  Ref properties_;
-  Ref required_;
-  bool has_actions_;
-};
+  return add(call_global(env, Id::description_cell, {param, prop.get()}));
+}
 
 // A body made of one line, an empty line and a table.
 Ref line_then_table(const Env& env, PyObject* line, PyObject* header,
@@ -557,10 +511,17 @@ Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
           ? header_of({"Parameter", "CLI", "Type", "Required", "Default", "Actions", "Description"})
           : header_of({"Parameter", "CLI", "Type", "Required", "Default", "Description"});
   if (!header) return Ref();
+  // Every row is built before the lines around the table and before `_table` is looked up.
   params = getattr(tool, Id::all_params);
   if (!params) return Ref();
-  Ref rows = Ref::steal(PyObject_GetIter(params.get()));
-  if (!rows) return Ref();
+  const int columns = has_actions ? 7 : 6;
+  std::vector<Ref> cells;
+  if (!for_each(params.get(), [&](PyObject* param) {
+        return append_param_row(env, param, properties.get(), required.get(), has_actions != 0,
+                                cells);
+      })) {
+    return Ref();
+  }
   LineJoiner out;
   if (has_actions) {
     Ref names = getattr(tool, Id::action_names);
@@ -572,11 +533,7 @@ Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
   }
   Ref heading = Ref::steal(PyUnicode_FromString("#### Parameters"));
   if (!heading || !out.line(heading.get()) || !out.line(name(Id::empty))) return Ref();
-  if (!write_table(env, out, header.get(),
-                   std::make_unique<ParamRows>(std::move(rows), std::move(properties),
-                                               std::move(required), has_actions != 0))) {
-    return Ref();
-  }
+  if (!write_built_table(env, out, header.get(), cells, columns)) return Ref();
   return out.finish();
 }
 

@@ -294,6 +294,17 @@ Ref make_rows(const Env& env, std::unique_ptr<RowSource> source) {
   return Ref::steal(reinterpret_cast<PyObject*>(rows));
 }
 
+// One row written by our own `_row` from cells already computed: checked, then joined.
+bool write_cells(const Ref* cells, int columns, LineJoiner& out) {
+  for (int i = 0; i < columns; ++i) {
+    if (!PyUnicode_Check(cells[i].get())) {
+      join_type_error(i, cells[i].get());
+      return false;
+    }
+  }
+  return out.row(cells, columns);
+}
+
 // One row written by our own `_row`: every cell computed, in order, then checked and joined.
 bool write_native_row(const Env& env, RowSource& source, PyObject* state, LineJoiner& out) {
   int columns = source.columns();
@@ -302,13 +313,28 @@ bool write_native_row(const Env& env, RowSource& source, PyObject* state, LineJo
     cells[i] = source.cell(env, state, i);
     if (!cells[i]) return false;
   }
-  for (int i = 0; i < columns; ++i) {
-    if (!PyUnicode_Check(cells[i].get())) {
-      join_type_error(i, cells[i].get());
-      return false;
-    }
-  }
-  return out.row(cells, columns);
+  return write_cells(cells, columns, out);
+}
+
+// What our own `_table` writes before the rows: `_row(header)`, then `_row` of the rule.
+bool write_head(const Env& env, LineJoiner& out, PyObject* header) {
+  Ref line = call_global(env, Id::row, {header});
+  if (!line || !out.line(line.get())) return false;
+  // `_row` is looked up before the rule's cells are made from the header, as the call reads it.
+  Ref rule_row = lookup(env, Id::row);
+  if (!rule_row) return false;
+  Ref rule = rule_cells(header);
+  if (!rule) return false;
+  line = call_found(rule_row.get(), {rule.get()});
+  return line && out.line(line.get());
+}
+
+// A row of computed cells as a caller's function receives it: a tuple.
+Ref row_tuple(const Ref* cells, int columns) {
+  Ref row = Ref::steal(PyTuple_New(columns));
+  if (!row) return Ref();
+  for (int i = 0; i < columns; ++i) PyTuple_SET_ITEM(row.get(), i, Ref(cells[i]).release());
+  return row;
 }
 
 }  // namespace
@@ -375,14 +401,8 @@ bool write_table(const Env& env, LineJoiner& out, PyObject* header,
     return lines && out.lines(lines.get());
   }
   // Our own `_table`: the header row and the rule, then each row through `_row` as bound now.
-  Ref line = call_global(env, Id::row, {header});
-  if (!line || !out.line(line.get())) return false;
-  Ref rule_row = lookup(env, Id::row);
-  if (!rule_row) return false;
-  Ref rule = rule_cells(header);
-  if (!rule) return false;
-  line = call_found(rule_row.get(), {rule.get()});
-  if (!line || !out.line(line.get())) return false;
+  if (!write_head(env, out, header)) return false;
+  Ref line;
   // `*(_row(row) for row in rows)`: each row is taken before `_row` is looked up for it.
   Ref lazy;  // made once a replaced `_row` needs row objects
   while (true) {
@@ -408,6 +428,38 @@ bool write_table(const Env& env, LineJoiner& out, PyObject* header,
     }
     if (!line || !out.line(line.get())) return false;
   }
+}
+
+bool write_built_table(const Env& env, LineJoiner& out, PyObject* header,
+                       const std::vector<Ref>& cells, int columns) {
+  const Py_ssize_t count = static_cast<Py_ssize_t>(cells.size()) / columns;
+  Ref table = lookup(env, Id::table);
+  if (!table) return false;
+  if (!is_native(table.get(), kTable)) {
+    Ref rows = Ref::steal(PyList_New(count));
+    if (!rows) return false;
+    for (Py_ssize_t i = 0; i < count; ++i) {
+      Ref row = row_tuple(&cells[static_cast<size_t>(i * columns)], columns);
+      if (!row) return false;
+      PyList_SET_ITEM(rows.get(), i, row.release());
+    }
+    Ref lines = call_found(table.get(), {header, rows.get()});
+    return lines && out.lines(lines.get());
+  }
+  if (!write_head(env, out, header)) return false;
+  for (Py_ssize_t i = 0; i < count; ++i) {
+    const Ref* row_cells = &cells[static_cast<size_t>(i * columns)];
+    Ref row_fn = lookup(env, Id::row);
+    if (!row_fn) return false;
+    if (is_native(row_fn.get(), kRow)) {
+      if (!write_cells(row_cells, columns, out)) return false;
+      continue;
+    }
+    Ref row = row_tuple(row_cells, columns);
+    Ref line = row ? call_found(row_fn.get(), {row.get()}) : Ref();
+    if (!line || !out.line(line.get())) return false;
+  }
+  return true;
 }
 
 const FunctionDef kCode = {"_code",  "Text as a Markdown code span.", 1, {"text"}, {"str"}, "str",

@@ -1,6 +1,7 @@
 // Markdown primitives: code spans, table cells, rows, tables and the spelling of values.
 #pragma once
 #include <memory>
+#include <vector>
 
 #include "function.h"
 
@@ -46,5 +47,10 @@ class LineJoiner : public JoinWriter {
 // bound now: our own builds the lines natively, a replacement gets a lazy iterator of lazy rows.
 bool write_table(const Env& env, LineJoiner& out, PyObject* header,
                  std::unique_ptr<RowSource> rows);
+
+// The same for rows built in full before the table: `columns` cells per row, in row order. A
+// replaced `_table` gets them as a list of tuples, a replaced `_row` each row as a tuple.
+bool write_built_table(const Env& env, LineJoiner& out, PyObject* header,
+                       const std::vector<Ref>& cells, int columns);
 
 }  // namespace registry_docs
