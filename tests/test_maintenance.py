@@ -324,6 +324,26 @@ class FilesTest(unittest.TestCase):
                     function(str(self.root))
                 self.assertEqual(str(caught.exception), "unsupported operand type(s) for /: 'str' and 'str'")
 
+    def test_a_path_listed_twice_is_written_once(self):
+        # The second record compares with the file as the first one's write leaves it.
+        self.write("README.md", block("a", "old\n"))
+        catalogue = (self.record("README.md", "a"),
+                     self.record("README.md", "a", render=lambda name: "second"))
+        writes, native = [], Path.write_bytes
+
+        def write_bytes(path, data):
+            writes.append((path, data))
+            return native(path, data)
+
+        Path.write_bytes = write_bytes
+        try:
+            problems, _, written = self.run_both(catalogue)
+        finally:
+            Path.write_bytes = native
+        self.assertEqual(problems, ["README.md: blocks out of date: a"] * 2)
+        self.assertEqual(written, ["README.md"])
+        self.assertEqual(writes, [(self.root / "README.md", block("a", "second\n").encode())])
+
     def test_writer_reads_every_file_twice_before_writing(self):
         self.write("one.md", block("a", "old\n"))
         self.write("two.md", block("a", "new a\n"))

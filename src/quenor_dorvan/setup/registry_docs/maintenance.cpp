@@ -621,12 +621,15 @@ Ref utf8_bytes(PyObject* text) {
 //
 //     catalogue = generated_files()
 //     rendered = {g.path: render_file(_read(root, g), g) for g in catalogue}
-//     changes = []
+//     changes, scheduled = [], {}
 //     for g in catalogue:
 //         current = _read(root, g)
 //         path = g.path
 //         text = rendered[path]
+//         if path in scheduled:  # the file as the earlier write leaves it
+//             current = scheduled[path]
 //         if current != text:
+//             scheduled[path] = text
 //             changes.append((path, text.encode("utf-8")))
 //     for path, data in changes:
 //         (root / path).write_bytes(data)
@@ -648,15 +651,22 @@ Ref write_blocks_body(const Env& env, PyObject* const* args) {
 
   Ref paths = Ref::steal(PyList_New(0));
   Ref contents = Ref::steal(PyList_New(0));
-  if (!paths || !contents) return Ref();
+  Ref scheduled = Ref::steal(PyDict_New());
+  if (!paths || !contents || !scheduled) return Ref();
   ok = for_each(catalogue.get(), [&](PyObject* generated) {
     Ref current = call_global(env, Id::read, {root.get(), generated});
     Ref path = current ? getattr(generated, Id::path) : Ref();
     Ref text = path ? subscript(rendered.get(), path.get()) : Ref();
-    int differ = text ? compare(current.get(), text.get(), Py_NE) : -1;
+    if (!text) return false;
+    PyObject* pending = nullptr;
+    int status = compat::dict_get_ref(scheduled.get(), path.get(), &pending);
+    if (status < 0) return false;
+    if (status > 0) current = Ref::steal(pending);
+    int differ = compare(current.get(), text.get(), Py_NE);
     if (differ <= 0) return differ == 0;
     Ref data = utf8_bytes(text.get());
-    return data && PyList_Append(paths.get(), path.get()) == 0 &&
+    return data && PyDict_SetItem(scheduled.get(), path.get(), text.get()) == 0 &&
+           PyList_Append(paths.get(), path.get()) == 0 &&
            PyList_Append(contents.get(), data.get()) == 0;
   });
   if (!ok) return Ref();
