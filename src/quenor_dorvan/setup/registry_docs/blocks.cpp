@@ -1,596 +1,407 @@
 #include "blocks.h"
 
-#include <cstring>
-#include <vector>
-
 #include "listing.h"
-#include "maintenance.h"
 #include "markdown.h"
+#include "marker_blocks.h"
+#include "registry_inputs.h"
 
 namespace registry_docs {
 
 namespace {
 
+// Texts the tables show.
+constexpr char kOneCall[] = "*(one call)*";
+constexpr char kYes[] = "Yes";
+constexpr char kNo[] = "No";
+constexpr char kAll[] = "all";
+constexpr char kCliNote[] =
+    "Every parameter is an option of the same name in kebab-case (`token_budget` is "
+    "`--token-budget`), an array is a comma-separated list, and a boolean is `--flag` or "
+    "`--flag true|false`. `quenor-dorvan query <tool> --help` prints a tool's options with their "
+    "full texts and `quenor-dorvan query --schema` prints them all as JSON Schema.";
+
 // A tuple of fixed column titles.
 Ref header_of(std::initializer_list<const char*> titles) {
-  Ref header = Ref::steal(PyTuple_New(static_cast<Py_ssize_t>(titles.size())));
-  if (!header) return Ref();
+  Ref header = own(PyTuple_New(static_cast<Py_ssize_t>(titles.size())));
   Py_ssize_t i = 0;
-  for (const char* title : titles) {
-    PyObject* text = PyUnicode_FromString(title);
-    if (!text) return Ref();
-    PyTuple_SET_ITEM(header.get(), i++, text);
-  }
+  for (const char* title : titles) PyTuple_SET_ITEM(header.get(), i++, text(title).release());
   return header;
 }
 
-// `f"{a}{b}..."` for pieces that are fixed ASCII texts or objects written as format() writes them.
-class Text {
- public:
-  Text& lit(const char* text) {
-    if (ok_) ok_ = out_.ascii(text, static_cast<Py_ssize_t>(strlen(text)));
-    return *this;
-  }
-  Text& value(PyObject* obj) {
-    if (!ok_) return *this;
-    if (!obj) {
-      ok_ = false;
-      return *this;
-    }
-    Ref text = format_text(obj);
-    ok_ = text && out_.str(text.get());
-    return *this;
-  }
-  // A text format() has made already (an f-string formats each field as it reaches it).
-  Text& formatted(PyObject* text) {
-    if (!ok_) return *this;
-    ok_ = text && out_.str(text);
-    return *this;
-  }
-  Text& number(Py_ssize_t n) {
-    if (!ok_) return *this;
-    if (n < 0) {
-      ok_ = false;
-      return *this;
-    }
-    Ref text = ssize_text(n);
-    ok_ = text && out_.str(text.get());
-    return *this;
-  }
-  Ref finish() { return ok_ ? out_.finish() : Ref(); }
-
- private:
-  TextWriter out_;
-  bool ok_ = true;
-};
-
-// `len(TOOLS)`, -1 with an exception set.
-Py_ssize_t registry_length(const Env& env) {
-  Ref tools = lookup(env, Id::TOOLS);
-  return tools ? PyObject_Size(tools.get()) : -1;
+// `_actions_cell(tool, placeholder)`.
+Ref actions_with(const Env& env, PyObject* tool, PyObject* placeholder) {
+  return call_global(env, Id::actions_cell, {tool, placeholder});
 }
 
-// The tools of `ordered_tools()`, as the iterator a generator expression takes at its creation.
+Ref code_of(const Env& env, PyObject* shown) {
+  return call_global(env, Id::code, {shown});
+}
+Ref cell_of(const Env& env, PyObject* shown) {
+  return call_global(env, Id::cell, {shown});
+}
+
+// `iter(ordered_tools())`, as a generator expression takes its iterable when it is made.
 Ref iter_ordered_tools(const Env& env) {
-  Ref tools = call_global(env, Id::ordered_tools, {});
-  return tools ? Ref::steal(PyObject_GetIter(tools.get())) : Ref();
+  return own(PyObject_GetIter(call_global(env, Id::ordered_tools, {}).get()));
 }
 
-// Rows with one tool each, taken from an iterator of tools.
-class ToolRows : public RowSource {
- public:
-  explicit ToolRows(Ref tools) : tools_(std::move(tools)) {}
-  bool next_row(const Env&, Ref& state) override {
-    state = Ref::steal(PyIter_Next(tools_.get()));
-    return static_cast<bool>(state);
-  }
-  int traverse(visitproc visit, void* arg) override {
-    Py_VISIT(tools_.get());
-    return 0;
-  }
-
- private:
-  Ref tools_;
-};
-
-// `fn(record.field)`, with the module function looked up when it is called.
-Ref apply_to_field(const Env& env, Id fn, PyObject* record, Id field) {
-  Ref value = getattr(record, field);
-  return value ? call_global(env, fn, {value.get()}) : Ref();
-}
-
-class SkillRows : public ToolRows {
- public:
-  using ToolRows::ToolRows;
-  int columns() const override { return 3; }
-  Ref cell(const Env& env, PyObject* tool, int column) override {
-    switch (column) {
-      case 0:
-        return apply_to_field(env, Id::code, tool, Id::name);
-      case 1:
-        return call_global(env, Id::actions_cell, {tool, name(Id::one_call)});
-      default:
-        return apply_to_field(env, Id::cell, tool, Id::mcp_text);
-    }
-  }
-};
-
-Ref actions_with_none(const Env& env, PyObject* tool) {
-  Ref none = lookup(env, Id::NONE);
-  return none ? call_global(env, Id::actions_cell, {tool, none.get()}) : Ref();
-}
-
-Ref tier_capitalized(PyObject* tool) {
-  Ref tier = getattr(tool, Id::tier);
-  return tier ? capitalized(tier.get()) : Ref();
-}
-
-class ReadmeRows : public ToolRows {
- public:
-  using ToolRows::ToolRows;
-  int columns() const override { return 4; }
-  Ref cell(const Env& env, PyObject* tool, int column) override {
-    switch (column) {
-      case 0: {
-        // `"**" + tier + "**"`: concatenated with `+`, not formatted.
-        Ref tier = tier_capitalized(tool);
-        Ref stars = tier ? Ref::steal(PyUnicode_FromString("**")) : Ref();
-        Ref opened = stars ? Ref::steal(PyNumber_Add(stars.get(), tier.get())) : Ref();
-        return opened ? Ref::steal(PyNumber_Add(opened.get(), stars.get())) : Ref();
-      }
-      case 1:
-        return apply_to_field(env, Id::code, tool, Id::name);
-      case 2:
-        return actions_with_none(env, tool);
-      default:
-        return apply_to_field(env, Id::cell, tool, Id::summary);
-    }
-  }
-};
-
-// Numbered rows: the state of a row is the pair (number, tool), as enumerate gives it.
-class OverviewRows : public ToolRows {
- public:
-  using ToolRows::ToolRows;
-  int columns() const override { return 5; }
-  bool next_row(const Env& env, Ref& state) override {
-    Ref tool;
-    if (!ToolRows::next_row(env, tool)) return false;
-    Ref number = Ref::steal(PyLong_FromSsize_t(++count_));
-    state = number ? Ref::steal(PyTuple_Pack(2, number.get(), tool.get())) : Ref();
-    return static_cast<bool>(state);
-  }
-  Ref cell(const Env& env, PyObject* state, int column) override {
-    PyObject* tool = PyTuple_GET_ITEM(state, 1);
-    switch (column) {
-      case 0:
-        return Ref::steal(PyObject_Str(PyTuple_GET_ITEM(state, 0)));
-      case 1:
-        return apply_to_field(env, Id::code, tool, Id::name);
-      case 2:
-        return actions_with_none(env, tool);
-      case 3:
-        return tier_capitalized(tool);
-      default:
-        return apply_to_field(env, Id::cell, tool, Id::summary);
-    }
-  }
-
- private:
-  Py_ssize_t count_ = 0;
-};
-
-class CliRows : public ToolRows {
- public:
-  using ToolRows::ToolRows;
-  int columns() const override { return 2; }
-  Ref cell(const Env& env, PyObject* tool, int column) override {
-    if (column == 0) return apply_to_field(env, Id::code, tool, Id::name);
-    Ref usage = call_global(env, Id::cli_usage, {tool});
-    return usage ? call_global(env, Id::code, {usage.get()}) : Ref();
-  }
-};
-
-// The cells of one parameter's row, in column order, appended to `cells`; the property is looked
-// up first, as the row is built from it.
-bool append_param_row(const Env& env, PyObject* param, PyObject* properties, PyObject* required,
-                      bool has_actions, std::vector<Ref>& cells) {
-  Ref param_name = getattr(param, Id::name);
-  Ref prop = param_name ? subscript(properties, param_name.get()) : Ref();
-  if (!prop) return false;
-  auto add = [&cells](Ref cell) {
-    if (!cell) return false;
-    cells.push_back(std::move(cell));
-    return true;
-  };
-  if (!add(apply_to_field(env, Id::code, param, Id::name))) return false;
-  param_name = getattr(param, Id::name);
-  Ref option = param_name ? call_global(env, Id::snake_to_kebab, {param_name.get()}) : Ref();
-  Ref option_text = option ? Text().lit("--").value(option.get()).finish() : Ref();
-  if (!add(option_text ? call_global(env, Id::code, {option_text.get()}) : Ref())) return false;
-  if (!add(call_global(env, Id::type_cell, {prop.get()}))) return false;
-  param_name = getattr(param, Id::name);
-  int found = param_name ? PySequence_Contains(required, param_name.get()) : -1;
-  if (found < 0 || !add(Ref::borrow(name(found ? Id::yes : Id::no)))) return false;
-  Ref default_text = call_global(env, Id::default_cell, {param});
-  if (!add(default_text ? call_global(env, Id::cell, {default_text.get()}) : Ref())) return false;
-  if (has_actions) {
-    Ref actions = getattr(param, Id::applies_to);
-    Ref text = actions ? join(Id::comma, actions.get()) : Ref();
-    if (text && PyUnicode_GET_LENGTH(text.get()) == 0) text = Ref::borrow(name(Id::all));
-    if (!add(std::move(text))) return false;
-  }
-  return add(call_global(env, Id::description_cell, {param, prop.get()}));
+// `(row(tool) for tool in tools)`.
+Rows rows_of(Env env, Ref tools, Cells (*row)(Env, Ref)) {
+  while (Ref tool = next(tools.get())) co_yield row(env, std::move(tool));
 }
 
 // A body made of one line, an empty line and a table.
-Ref line_then_table(const Env& env, PyObject* line, PyObject* header,
-                    std::unique_ptr<RowSource> rows) {
+Ref line_then_table(const Env& env, PyObject* line, PyObject* header, Rows rows) {
   LineJoiner out;
-  if (!out.line(line) || !out.line(name(Id::empty)) ||
-      !write_table(env, out, header, std::move(rows))) {
-    return Ref();
-  }
+  out.line(line);
+  out.line(env.name(Id::empty));
+  write_table(env, out, header, std::move(rows));
   return out.finish();
+}
+
+Cells skill_row(Env env, Ref tool) {
+  co_yield code_of(env, host::name(env, tool.get()).get());
+  co_yield actions_with(env, tool.get(), text(kOneCall).get());
+  co_yield cell_of(env, host::mcp_text(env, tool.get()).get());
 }
 
 Ref skill_tools_block_body(const Env& env, PyObject* const*) {
   Ref tools = iter_ordered_tools(env);
-  if (!tools) return Ref();
-  Ref heading = Text()
+  Ref heading = TextWriter()
                     .lit("## Tool reference (")
-                    .number(registry_length(env))
+                    .number(host::tool_count(env))
                     .lit(" tools; MCP name = CLI `quenor-dorvan query <tool>`)")
                     .finish();
-  Ref header = header_of({"Tool", "Actions", "Use for"});
-  if (!heading || !header) return Ref();
-  return line_then_table(env, heading.get(), header.get(),
-                         std::make_unique<SkillRows>(std::move(tools)));
+  return line_then_table(env, heading.get(), header_of({"Tool", "Actions", "Use for"}).get(),
+                         rows_of(env, std::move(tools), skill_row));
+}
+
+Ref actions_with_none(const Env& env, PyObject* tool) {
+  return actions_with(env, tool, lookup(env, Id::NONE).get());
+}
+
+// `"**" + tool.tier.capitalize() + "**"`: concatenated with `+`, not formatted.
+Ref bold_tier(const Env& env, PyObject* tool) {
+  Ref stars = text("**");
+  Ref tier = capitalized(env, host::tier(env, tool).get());
+  Ref opened = own(PyNumber_Add(stars.get(), tier.get()));
+  return own(PyNumber_Add(opened.get(), stars.get()));
+}
+
+Cells readme_row(Env env, Ref tool) {
+  co_yield bold_tier(env, tool.get());
+  co_yield code_of(env, host::name(env, tool.get()).get());
+  co_yield actions_with_none(env, tool.get());
+  co_yield cell_of(env, host::summary(env, tool.get()).get());
 }
 
 Ref readme_tools_block_body(const Env& env, PyObject* const*) {
   Ref tools = iter_ordered_tools(env);
-  if (!tools) return Ref();
-  Py_ssize_t count = registry_length(env);
-  if (count < 0) return Ref();
-  Ref counts = call_global(env, Id::tier_counts, {});
-  if (!counts) return Ref();
-  Ref line = Text()
-                 .number(count)
-                 .lit(" tools for code intelligence, ")
-                 .value(counts.get())
-                 .lit(". A tool with actions takes an `action` parameter that selects one.")
-                 .finish();
-  Ref header = header_of({"Tier", "Tool", "Actions", "Purpose"});
-  if (!line || !header) return Ref();
-  return line_then_table(env, line.get(), header.get(),
-                         std::make_unique<ReadmeRows>(std::move(tools)));
+  TextWriter line;
+  line.number(host::tool_count(env)).lit(" tools for code intelligence, ");
+  line.format(call_global(env, Id::tier_counts, {}).get());
+  line.lit(". A tool with actions takes an `action` parameter that selects one.");
+  return line_then_table(env, line.finish().get(),
+                         header_of({"Tier", "Tool", "Actions", "Purpose"}).get(),
+                         rows_of(env, std::move(tools), readme_row));
 }
 
 Ref mcp_intro_block_body(const Env& env, PyObject* const*) {
-  Py_ssize_t count = registry_length(env);
-  if (count < 0) return Ref();
-  Ref counts = call_global(env, Id::tier_counts, {});
-  if (!counts) return Ref();
-  return Text()
-      .lit("Complete reference for the **")
-      .number(count)
-      .lit(" MCP tools** provided by Quenor Dorvan, ")
-      .value(counts.get())
-      .lit(
-          ".\n\nEach tool groups related functionality behind a single endpoint; a tool with "
-          "actions takes an `action` parameter that selects the operation.")
-      .finish();
+  TextWriter out;
+  out.lit("Complete reference for the **").number(host::tool_count(env));
+  out.lit(" MCP tools** provided by Quenor Dorvan, ");
+  out.format(call_global(env, Id::tier_counts, {}).get());
+  out.lit(
+      ".\n\nEach tool groups related functionality behind a single endpoint; a tool with actions "
+      "takes an `action` parameter that selects the operation.");
+  return out.finish();
 }
 
 // "- **Core** (8 tools): `a`, `b`": one tier's line of the overview.
 Ref tier_line(const Env& env, PyObject* tier) {
-  Ref title = capitalized(tier);
-  Ref shown = title ? format_text(title.get()) : Ref();
-  if (!shown) return Ref();
-  Ref counted = call_global(env, Id::tier_tools, {tier});
-  if (!counted) return Ref();
-  Py_ssize_t count = PyObject_Size(counted.get());
-  if (count < 0) return Ref();
-  Ref prefix =
-      Text().lit("- **").formatted(shown.get()).lit("** (").number(count).lit(" tools): ").finish();
-  if (!prefix) return Ref();
-  Ref listed = call_global(env, Id::tier_tools, {tier});
-  if (!listed) return Ref();
-  Ref names = code_spans(env, listed.get(), Id::comma, true);
-  return names ? Ref::steal(PyUnicode_Concat(prefix.get(), names.get())) : Ref();
+  TextWriter prefix;
+  prefix.lit("- **").format(capitalized(env, tier).get()).lit("** (");
+  prefix.number(check_size(PyObject_Size(call_global(env, Id::tier_tools, {tier}).get())));
+  prefix.lit(" tools): ");
+  Ref head = prefix.finish();
+  Ref names = code_spans(env, call_global(env, Id::tier_tools, {tier}).get(), Id::comma, true);
+  return own(PyUnicode_Concat(head.get(), names.get()));
+}
+
+Cells overview_row(Env env, Py_ssize_t number, Ref tool) {
+  co_yield str_of(own(PyLong_FromSsize_t(number)).get());
+  co_yield code_of(env, host::name(env, tool.get()).get());
+  co_yield actions_with_none(env, tool.get());
+  co_yield capitalized(env, host::tier(env, tool.get()).get());
+  co_yield cell_of(env, host::summary(env, tool.get()).get());
+}
+
+// `(row(number, tool) for number, tool in enumerate(tools, 1))`.
+Rows overview_rows(Env env, Ref tools) {
+  Py_ssize_t number = 0;
+  while (Ref tool = next(tools.get())) co_yield overview_row(env, ++number, std::move(tool));
 }
 
 Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
   Ref tools = iter_ordered_tools(env);
-  if (!tools) return Ref();
-  Ref tiers = lookup(env, Id::TIERS);
-  if (!tiers) return Ref();
-  Ref tier_lines = collect(tiers.get(), [&](PyObject* tier) { return tier_line(env, tier); });
-  if (!tier_lines) return Ref();
-  Ref header = header_of({"#", "Tool", "Actions", "Tier", "Purpose"});
-  Ref title = Ref::steal(PyUnicode_FromString("**Tiers:**"));
-  if (!header || !title) return Ref();
+  Ref tier_lines =
+      collect(host::tiers(env).get(), [&](PyObject* tier) { return tier_line(env, tier); });
   LineJoiner out;
-  if (!write_table(env, out, header.get(), std::make_unique<OverviewRows>(std::move(tools))) ||
-      !out.line(name(Id::empty)) || !out.line(title.get()) || !out.line(name(Id::empty))) {
-    return Ref();
-  }
-  return out.lines(tier_lines.get()) ? out.finish() : Ref();
+  write_table(env, out, header_of({"#", "Tool", "Actions", "Tier", "Purpose"}).get(),
+              overview_rows(env, std::move(tools)));
+  out.line(env.name(Id::empty));
+  out.line(text("**Tiers:**").get());
+  out.line(env.name(Id::empty));
+  out.lines(tier_lines.get());
+  return out.finish();
+}
+
+// `_code(cli_usage(tool))`.
+Ref usage_cell(const Env& env, PyObject* tool) {
+  return code_of(env, call_global(env, Id::cli_usage, {tool}).get());
+}
+
+Cells cli_row(Env env, Ref tool) {
+  co_yield code_of(env, host::name(env, tool.get()).get());
+  co_yield usage_cell(env, tool.get());
 }
 
 Ref mcp_cli_block_body(const Env& env, PyObject* const*) {
   Ref tools = iter_ordered_tools(env);
-  if (!tools) return Ref();
-  Ref note = Ref::steal(PyUnicode_FromString(
-      "Every parameter is an option of the same name in kebab-case (`token_budget` is "
-      "`--token-budget`), an array is a comma-separated list, and a boolean is `--flag` or "
-      "`--flag true|false`. `quenor-dorvan query <tool> --help` prints a tool's options with "
-      "their full texts and `quenor-dorvan query --schema` prints them all as JSON Schema."));
-  Ref header = header_of({"Tool", "CLI usage"});
-  if (!note || !header) return Ref();
-  return line_then_table(env, note.get(), header.get(),
-                         std::make_unique<CliRows>(std::move(tools)));
+  return line_then_table(env, text(kCliNote).get(), header_of({"Tool", "CLI usage"}).get(),
+                         rows_of(env, std::move(tools), cli_row));
 }
 
+// `_NONE if param.default is None else _value(param.default)`, then the defaults by action.
 Ref default_cell_body(const Env& env, PyObject* const* args) {
   PyObject* param = args[0];
-  // `_NONE if param.default is None else _value(param.default)`: read again for the spelling.
-  Ref value = getattr(param, Id::default_);
-  if (!value) return Ref();
-  Ref text;
-  if (value.get() == Py_None) {
-    text = lookup(env, Id::NONE);
-  } else {
-    value = getattr(param, Id::default_);
-    text = value ? call_global(env, Id::value, {value.get()}) : Ref();
-  }
-  if (!text) return Ref();
-  Ref pairs = getattr(param, Id::action_defaults);
-  if (!pairs) return Ref();
-  Ref pieces = collect(pairs.get(), [&](PyObject* pair) -> Ref {
-    Ref action, action_value;
-    if (!unpack_pair(pair, action, action_value)) return Ref();
-    Ref action_text = format_text(action.get());
-    Ref spelled = action_text ? call_global(env, Id::value, {action_value.get()}) : Ref();
-    return spelled ? Text().formatted(action_text.get()).lit(": ").value(spelled.get()).finish()
-                   : Ref();
+  Ref shown = host::default_value(env, param).get() == Py_None
+                  ? lookup(env, Id::NONE)
+                  : call_global(env, Id::value, {host::default_value(env, param).get()});
+  // `", ".join(f"{action}: {_value(value)}" for action, value in param.action_defaults)`
+  Ref pieces = collect(host::action_defaults(env, param).get(), [&](PyObject* pair) {
+    auto [action, value] = unpack_pair(pair);
+    TextWriter piece;
+    piece.format(action.get()).lit(": ");
+    return piece.format(call_global(env, Id::value, {value.get()}).get()).finish();
   });
-  Ref by_action = pieces ? join(Id::comma, pieces.get()) : Ref();
-  if (!by_action) return Ref();
-  if (PyUnicode_GET_LENGTH(by_action.get()) == 0) return text;
-  return Text().value(text.get()).lit(" (").value(by_action.get()).lit(")").finish();
+  Ref by_action = join(env.name(Id::comma), pieces.get());
+  if (PyUnicode_GET_LENGTH(by_action.get()) == 0) return shown;
+  return TextWriter().format(shown.get()).lit(" (").str(by_action.get()).lit(")").finish();
 }
 
-Ref type_cell_body(const Env&, PyObject* const* args) {
+Ref type_cell_body(const Env& env, PyObject* const* args) {
   PyObject* prop = args[0];
-  Ref type = subscript(prop, Id::type);
-  if (!type) return Ref();
-  Ref is_array = Ref::steal(PyObject_RichCompare(type.get(), name(Id::array), Py_EQ));
-  if (!is_array) return Ref();
-  int array = PyObject_IsTrue(is_array.get());
-  if (array < 0) return Ref();
-  if (array) {
-    int has_items = PySequence_Contains(prop, name(Id::items));
-    if (has_items < 0) return Ref();
-    if (has_items) {
-      Ref items = subscript(prop, Id::items);
-      if (!items) return Ref();
-      Ref item_type = subscript(items.get(), Id::type);
-      return item_type ? Text().value(item_type.get()).lit("[]").finish() : Ref();
-    }
+  if (compare(subscript(prop, env.name(Id::type)).get(), env.name(Id::array), Py_EQ) &&
+      check(PySequence_Contains(prop, env.name(Id::items)))) {
+    Ref items = subscript(prop, env.name(Id::items));
+    return TextWriter().format(subscript(items.get(), env.name(Id::type)).get()).lit("[]").finish();
   }
-  type = subscript(prop, Id::type);  // `str(prop["type"])` reads it again
-  return type ? Ref::steal(PyObject_Str(type.get())) : Ref();
+  return str_of(subscript(prop, env.name(Id::type)).get());  // `str(prop["type"])` reads it again
 }
 
 // `prop.get("description", "")`.
-Ref description_of(PyObject* prop) {
-  if (PyDict_CheckExact(prop)) {
-    Ref found = mapping_get(prop, Id::description);
-    if (found && found.get() == Py_None && PyDict_Contains(prop, name(Id::description)) == 0) {
-      return Ref::borrow(name(Id::empty));
-    }
-    return found;
+Ref description_text(const Env& env, PyObject* prop) {
+  PyObject* key = env.name(Id::description);
+  if (!PyDict_CheckExact(prop)) return env.method(prop, Id::get, {key, env.name(Id::empty)});
+  Ref found = mapping_get(prop, key, env.name(Id::get));
+  if (found.get() == Py_None && !check(PyDict_Contains(prop, key))) {
+    return Ref::borrow(env.name(Id::empty));
   }
-  return call_method(prop, Id::get, {name(Id::description), name(Id::empty)});
+  return found;
 }
 
-// A description with a full stop at its end, unless it is empty or has one already.
-Ref with_full_stop(PyObject* description) {
-  if (PyUnicode_CheckExact(description)) {
-    Py_ssize_t size = PyUnicode_GET_LENGTH(description);
-    if (size == 0 || PyUnicode_READ_CHAR(description, size - 1) == '.') {
-      return Ref::borrow(description);
-    }
-    return Ref::steal(PyUnicode_Concat(description, name(Id::dot)));
+// `description += "."` unless it is empty or ends with a full stop already.
+Ref with_full_stop(const Env& env, Ref description) {
+  if (PyUnicode_CheckExact(description.get())) {
+    Py_ssize_t size = PyUnicode_GET_LENGTH(description.get());
+    if (size == 0 || PyUnicode_READ_CHAR(description.get(), size - 1) == '.') return description;
+    return own(PyUnicode_Concat(description.get(), env.name(Id::dot)));
   }
-  int truth = PyObject_IsTrue(description);
-  if (truth < 0) return Ref();
-  if (!truth) return Ref::borrow(description);
-  Ref ends = call_method(description, Id::endswith, {name(Id::dot)});
-  if (!ends) return Ref();
-  int ended = PyObject_IsTrue(ends.get());
-  if (ended < 0) return Ref();
-  if (ended) return Ref::borrow(description);
-  return Ref::steal(PyNumber_InPlaceAdd(description, name(Id::dot)));
+  if (!truth(description.get()) ||
+      truth(env.method(description.get(), Id::endswith, {env.name(Id::dot)}).get())) {
+    return description;
+  }
+  return own(PyNumber_InPlaceAdd(description.get(), env.name(Id::dot)));
 }
 
+// "Range: 1-100.", "At least 0.", "At most 9." or "" from the schema's bounds.
 Ref bound_sentence(const Env& env, PyObject* prop) {
-  Ref low = mapping_get(prop, Id::minimum);
-  if (!low) return Ref();
-  Ref high = mapping_get(prop, Id::maximum);
-  if (!high) return Ref();
+  Ref low = mapping_get(prop, env.name(Id::minimum), env.name(Id::get));
+  Ref high = mapping_get(prop, env.name(Id::maximum), env.name(Id::get));
   bool has_low = low.get() != Py_None;
   bool has_high = high.get() != Py_None;
+  TextWriter out;
   if (has_low && has_high) {
-    Ref low_text = call_global(env, Id::value, {low.get()});
-    Ref low_shown = low_text ? format_text(low_text.get()) : Ref();
-    if (!low_shown) return Ref();
-    Ref high_text = call_global(env, Id::value, {high.get()});
-    if (!high_text) return Ref();
-    return Text()
-        .lit("Range: ")
-        .formatted(low_shown.get())
-        .lit("-")
-        .value(high_text.get())
-        .lit(".")
-        .finish();
+    out.lit("Range: ").format(call_global(env, Id::value, {low.get()}).get()).lit("-");
+    return out.format(call_global(env, Id::value, {high.get()}).get()).lit(".").finish();
   }
-  if (has_low || has_high) {
-    Ref text = call_global(env, Id::value, {has_low ? low.get() : high.get()});
-    if (!text) return Ref();
-    return Text().lit(has_low ? "At least " : "At most ").value(text.get()).lit(".").finish();
+  if (!has_low && !has_high) return Ref::borrow(env.name(Id::empty));
+  if (has_low) {
+    out.lit("At least ");
+  } else {
+    out.lit("At most ");
   }
-  return Ref::borrow(name(Id::empty));
+  PyObject* bound = has_low ? low.get() : high.get();
+  return out.format(call_global(env, Id::value, {bound}).get()).lit(".").finish();
 }
 
 Ref description_cell_body(const Env& env, PyObject* const* args) {
   PyObject* param = args[0];
   PyObject* prop = args[1];
-  Ref raw = description_of(prop);
-  if (!raw) return Ref();
-  Ref stripped = strip_text(raw.get());
-  if (!stripped) return Ref();
-  Ref description = with_full_stop(stripped.get());
-  if (!description) return Ref();
-  Ref formatter = lookup(env, Id::code);
-  if (!formatter) return Ref();
-  Ref values = call_method(param, Id::values_text, {formatter.get()});
-  if (!values) return Ref();
+  Ref description = with_full_stop(env, strip_text(env, description_text(env, prop).get()));
+  Ref values = host::values_text(env, param, lookup(env, Id::code).get());
   Ref bound = bound_sentence(env, prop);
-  if (!bound) return Ref();
-  Ref pieces = Ref::steal(PyList_New(0));
-  if (!pieces) return Ref();
+  Ref pieces = own(PyList_New(0));
   for (PyObject* piece : {description.get(), values.get(), bound.get()}) {
-    int truth = PyObject_IsTrue(piece);
-    if (truth < 0) return Ref();
-    if (truth && PyList_Append(pieces.get(), piece) < 0) return Ref();
+    if (truth(piece)) check(PyList_Append(pieces.get(), piece));
   }
-  Ref joined = join(Id::space, pieces.get());
-  return joined ? call_global(env, Id::cell, {joined.get()}) : Ref();
+  return cell_of(env, join(env.name(Id::space), pieces.get()).get());
+}
+
+// `f"--{snake_to_kebab(param.name)}"`.
+Ref option_of(const Env& env, PyObject* param) {
+  Ref option = host::kebab(env, host::name(env, param).get());
+  return TextWriter().lit("--").format(option.get()).finish();
+}
+
+// `"Yes" if param.name in required else "No"`.
+Ref required_cell(const Env& env, PyObject* param, PyObject* required) {
+  return text(check(PySequence_Contains(required, host::name(env, param).get())) ? kYes : kNo);
+}
+
+// `", ".join(param.applies_to) or "all"`.
+Ref served_actions(const Env& env, PyObject* param) {
+  Ref served = join(env.name(Id::comma), host::applies_to(env, param).get());
+  return PyUnicode_GET_LENGTH(served.get()) ? served : text(kAll);
+}
+
+// The cells that the module's own cell functions make, looked up when the cell is read.
+Ref type_of(const Env& env, PyObject* prop) {
+  return call_global(env, Id::type_cell, {prop});
+}
+Ref default_of(const Env& env, PyObject* param) {
+  return cell_of(env, call_global(env, Id::default_cell, {param}).get());
+}
+Ref description_of(const Env& env, PyObject* param, PyObject* prop) {
+  return call_global(env, Id::description_cell, {param, prop});
+}
+
+Cells param_row(Env env, Ref param, Ref prop, Ref required, bool has_actions) {
+  co_yield code_of(env, host::name(env, param.get()).get());
+  co_yield code_of(env, option_of(env, param.get()).get());
+  co_yield type_of(env, prop.get());
+  co_yield required_cell(env, param.get(), required.get());
+  co_yield default_of(env, param.get());
+  if (has_actions) co_yield served_actions(env, param.get());
+  co_yield description_of(env, param.get(), prop.get());
+}
+
+// `for param in tool.all_params: prop = properties[param.name]; rows.append((...))`.
+Rows param_rows(Env env, Ref params, Ref properties, Ref required, bool has_actions) {
+  while (Ref param = next(params.get())) {
+    Ref prop = subscript(properties.get(), host::name(env, param.get()).get());
+    co_yield param_row(env, std::move(param), std::move(prop), required, has_actions);
+  }
+}
+
+// The schema must name the tool's parameters, in the registry's order.
+void check_same_params(const Env& env, PyObject* tool, PyObject* properties) {
+  Ref schema_names = own(PySequence_List(properties));
+  Ref registry_names = collect(host::all_params(env, tool).get(),
+                               [&](PyObject* param) { return host::name(env, param); });
+  if (check(PyObject_RichCompareBool(schema_names.get(), registry_names.get(), Py_EQ))) return;
+  TextWriter message;
+  message.format(host::name(env, tool).get());
+  message.lit(": the CLI schema and the registry name different parameters");
+  PyErr_SetObject(PyExc_ValueError, message.finish().get());
+  raise();
 }
 
 Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
   PyObject* tool = args[0];
-  Ref tool_name = getattr(tool, Id::name);
-  if (!tool_name) return Ref();
-  Ref schema = call_global(env, Id::get_cli_schema, {tool_name.get()});
-  if (!schema) return Ref();
-  Ref properties = subscript(schema.get(), Id::properties);
-  if (!properties) return Ref();
-  Ref schema_names = Ref::steal(PySequence_List(properties.get()));
-  if (!schema_names) return Ref();
-  Ref params = getattr(tool, Id::all_params);
-  if (!params) return Ref();
-  Ref registry_names =
-      collect(params.get(), [](PyObject* param) { return getattr(param, Id::name); });
-  if (!registry_names) return Ref();
-  int same = PyObject_RichCompareBool(schema_names.get(), registry_names.get(), Py_EQ);
-  if (same < 0) return Ref();
-  if (!same) {
-    Ref shown = getattr(tool, Id::name);
-    Ref message = shown ? Text()
-                              .value(shown.get())
-                              .lit(": the CLI schema and the registry name different parameters")
-                              .finish()
-                        : Ref();
-    if (message) PyErr_SetObject(PyExc_ValueError, message.get());
-    return Ref();
-  }
-  Ref required_names = subscript(schema.get(), Id::required);
-  if (!required_names) return Ref();
-  Ref required = Ref::steal(PySet_New(required_names.get()));
-  if (!required) return Ref();
-  Ref actions = getattr(tool, Id::actions);
-  if (!actions) return Ref();
-  int has_actions = PyObject_IsTrue(actions.get());
-  if (has_actions < 0) return Ref();
+  Ref schema = host::cli_schema(env, host::name(env, tool).get());
+  Ref properties = subscript(schema.get(), env.name(Id::properties));
+  check_same_params(env, tool, properties.get());
+  Ref required = own(PySet_New(subscript(schema.get(), env.name(Id::required)).get()));
+  bool has_actions = host::has_actions(env, tool);
   Ref header =
       has_actions
           ? header_of({"Parameter", "CLI", "Type", "Required", "Default", "Actions", "Description"})
           : header_of({"Parameter", "CLI", "Type", "Required", "Default", "Description"});
-  if (!header) return Ref();
   // Every row is built before the lines around the table and before `_table` is looked up.
-  params = getattr(tool, Id::all_params);
-  if (!params) return Ref();
-  const int columns = has_actions ? 7 : 6;
-  std::vector<Ref> cells;
-  if (!for_each(params.get(), [&](PyObject* param) {
-        return append_param_row(env, param, properties.get(), required.get(), has_actions != 0,
-                                cells);
-      })) {
-    return Ref();
-  }
+  Ref params = own(PyObject_GetIter(host::all_params(env, tool).get()));
+  BuiltRows rows = build(
+      param_rows(env, std::move(params), std::move(properties), std::move(required), has_actions));
   LineJoiner out;
   if (has_actions) {
-    Ref names = getattr(tool, Id::action_names);
-    if (!names) return Ref();
-    Ref listed = code_spans(env, names.get(), Id::bar_sep);
-    if (!listed) return Ref();
-    Ref line = Text().lit("**Actions:** ").value(listed.get()).finish();
-    if (!line || !out.line(line.get()) || !out.line(name(Id::empty))) return Ref();
+    Ref listed = code_spans(env, host::action_names(env, tool).get(), Id::bar_sep);
+    out.line(TextWriter().lit("**Actions:** ").str(listed.get()).finish().get());
+    out.line(env.name(Id::empty));
   }
-  Ref heading = Ref::steal(PyUnicode_FromString("#### Parameters"));
-  if (!heading || !out.line(heading.get()) || !out.line(name(Id::empty))) return Ref();
-  if (!write_built_table(env, out, header.get(), cells, columns)) return Ref();
+  out.line(text("#### Parameters").get());
+  out.line(env.name(Id::empty));
+  write_table(env, out, header.get(), std::move(rows));
   return out.finish();
 }
 
 // `text.replace(old, new)`, natively for a str and through the method otherwise.
-Ref replaced(PyObject* text, Id old_text, Id new_text) {
+Ref replaced(const Env& env, PyObject* text, Id old_text, Id new_text) {
   if (PyUnicode_CheckExact(text)) {
-    return Ref::steal(PyUnicode_Replace(text, name(old_text), name(new_text), -1));
+    return own(PyUnicode_Replace(text, env.name(old_text), env.name(new_text), -1));
   }
-  return call_method(text, Id::replace, {name(old_text), name(new_text)});
+  return env.method(text, Id::replace, {env.name(old_text), env.name(new_text)});
 }
 
-Ref literal_text_body(const Env&, PyObject* const* args) {
-  return replaced(args[0], Id::backslash, Id::two_backslashes);
+Ref literal_text_body(const Env& env, PyObject* const* args) {
+  return replaced(env, args[0], Id::backslash, Id::two_backslashes);
 }
 
 Ref skill_text_body(const Env& env, PyObject* const* args) {
   Ref literal = call_global(env, Id::literal_text, {args[0]});
-  if (!literal) return Ref();
-  Ref braces = replaced(literal.get(), Id::open_brace, Id::two_open_braces);
-  return braces ? replaced(braces.get(), Id::close_brace, Id::two_close_braces) : Ref();
+  Ref braces = replaced(env, literal.get(), Id::open_brace, Id::two_open_braces);
+  return replaced(env, braces.get(), Id::close_brace, Id::two_close_braces);
 }
 
+// `skill_table({"frameworks": ", ".join(ENDPOINT_FRAMEWORKS.values())})`.
 Ref skill_routes_block_body(const Env& env, PyObject* const*) {
   Ref table = lookup(env, Id::skill_table);
-  if (!table) return Ref();
   Ref frameworks = lookup(env, Id::ENDPOINT_FRAMEWORKS);
-  if (!frameworks) return Ref();
-  Ref names = call_method(frameworks.get(), Id::values, {});
-  if (!names) return Ref();
-  Ref joined = join(Id::comma, names.get());
-  if (!joined) return Ref();
-  Ref facts = Ref::steal(PyDict_New());
-  if (!facts || PyDict_SetItem(facts.get(), name(Id::frameworks), joined.get()) < 0) return Ref();
+  Ref joined = join(env.name(Id::comma), env.method(frameworks.get(), Id::values, {}).get());
+  Ref facts = own(PyDict_New());
+  check(PyDict_SetItem(facts.get(), env.name(Id::frameworks), joined.get()));
   return call_found(table.get(), {facts.get()});
 }
 
-// Each marked block of the rules text gets a fresh routing table. It is joined to the markers
-// with `+` by replace_blocks, so a table that is no str meets the operator's own dispatch.
-Ref routes_for_block(const Env& env) {
-  return call_global(env, Id::rules_table, {});
+// Each marked block of the rules text gets a fresh routing table.
+Ref routes_for_block(const Env& env, const BlockMatch&, PyObject* const*) {
+  return host::rules_table(env);
 }
 
+Ref rules_render_body(const Env& env, PyObject* const* args) {
+  return render_match(env, args[0], routes_for_block);
+}
+
+const FunctionDef kRulesRender = {"render",
+                                  nullptr,
+                                  1,
+                                  {"match"},
+                                  {nullptr},
+                                  nullptr,
+                                  rules_render_body,
+                                  "rules_block.<locals>.render"};
+
+// `without_markers(_MARKER.sub(render, QUENOR_INSTRUCTION_CONTENT)).strip()`.
 Ref rules_block_body(const Env& env, PyObject* const*) {
   Ref strip_markers = lookup(env, Id::without_markers);
-  if (!strip_markers) return Ref();
-  // `_MARKER.sub` is evaluated before its argument: a missing `_MARKER`, or a rebound one without
+  // `_MARKER.sub` is evaluated before its arguments: a missing `_MARKER`, or a rebound one without
   // `sub`, fails before the content is looked up.
   Ref marker = lookup(env, Id::MARKER);
-  if (!marker) return Ref();
-  if (marker.get() != env.marker && !getattr(marker.get(), Id::sub)) return Ref();
+  if (marker.get() != env.marker()) env.attr(marker.get(), Id::sub);
   Ref content = lookup(env, Id::QUENOR_INSTRUCTION_CONTENT);
-  if (!content) return Ref();
-  Ref rendered = replace_blocks(env, marker.get(), content.get(),
-                                [&env](const BlockMatch&) { return routes_for_block(env); });
-  if (!rendered) return Ref();
-  Ref plain = call_found(strip_markers.get(), {rendered.get()});
-  return plain ? strip_text(plain.get()) : Ref();
+  Ref rendered =
+      replace_blocks(env, marker.get(), content.get(), {kRulesRender, routes_for_block}, {});
+  return strip_text(env, call_found(strip_markers.get(), {rendered.get()}).get());
 }
 
 }  // namespace

@@ -54,3 +54,12 @@ inline PyObject* take_exception() {
 }
 
 }  // namespace registry_docs::compat
+
+// From 3.12 a module says whether it may be loaded in interpreters with a GIL of their own; this
+// one keeps nothing per process, so it may.
+#if PY_VERSION_HEX >= 0x030C0000
+#define REGISTRY_DOCS_INTERPRETER_SLOTS \
+  {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
+#else
+#define REGISTRY_DOCS_INTERPRETER_SLOTS
+#endif

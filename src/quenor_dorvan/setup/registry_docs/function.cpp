@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "compat.h"
+#include "module_state.h"
 
 namespace registry_docs {
 
@@ -18,8 +19,8 @@ struct FunctionObject {
   const FunctionDef* def;
   PyObject* module;
   PyObject* globals;
-  PyObject* marker;
-  PyObject* bound;  // a closure's value, or null
+  PyObject* state;  // the module's state object
+  PyObject* bound;  // a closure's values (a tuple), or null
   PyObject* name;
   PyObject* qualname;
   PyObject* module_name;
@@ -34,7 +35,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(Py_TYPE(self));
   Py_VISIT(f->module);
   Py_VISIT(f->globals);
-  Py_VISIT(f->marker);
+  Py_VISIT(f->state);
   Py_VISIT(f->bound);
   Py_VISIT(f->annotations);
   Py_VISIT(f->signature);
@@ -45,7 +46,7 @@ int function_clear(PyObject* self) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
   Py_CLEAR(f->module);
   Py_CLEAR(f->globals);
-  Py_CLEAR(f->marker);
+  Py_CLEAR(f->state);
   Py_CLEAR(f->bound);
   Py_CLEAR(f->annotations);
   Py_CLEAR(f->signature);
@@ -67,15 +68,22 @@ void function_dealloc(PyObject* self) {
 }
 
 inline Env env_of(const FunctionObject* f) {
-  return Env{f->module, f->globals, f->marker,
+  return Env{&state_of(f->state), f->module, f->globals,
              reinterpret_cast<PyObject*>(const_cast<FunctionObject*>(f))};
 }
 
+// Leaves the interpreter's recursion depth as it found it, however the body ends.
+class RecursionGuard {
+ public:
+  RecursionGuard() { check(Py_EnterRecursiveCall(" while calling a Python object") ? -1 : 0); }
+  ~RecursionGuard() { Py_LeaveRecursiveCall(); }
+  RecursionGuard(const RecursionGuard&) = delete;
+  RecursionGuard& operator=(const RecursionGuard&) = delete;
+};
+
 Ref run_body(const FunctionObject* f, PyObject* const* args) {
-  if (Py_EnterRecursiveCall(" while calling a Python object")) return Ref();
-  Ref result = f->def->body(env_of(f), args);
-  Py_LeaveRecursiveCall();
-  return result;
+  RecursionGuard guard;
+  return f->def->body(env_of(f), args);
 }
 
 // The interpreter's edit distance between two UTF-8 names: a case flip costs 1, any other edit 2;
@@ -213,10 +221,13 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
                               PyObject* kwnames) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
   Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
-  if (!kwnames && nargs == f->def->nparams) return run_body(f, args).release();
   PyObject* bound[2] = {nullptr, nullptr};
-  if (!bind_arguments(f, args, nargs, kwnames, bound)) return nullptr;
-  return run_body(f, bound).release();
+  if (kwnames || nargs != f->def->nparams) {
+    if (!bind_arguments(f, args, nargs, kwnames, bound)) return nullptr;
+    args = bound;
+  }
+  // The boundary of the error channel: a body throws, its caller gets null.
+  return guarded([&] { return run_body(f, args).release(); }, static_cast<PyObject*>(nullptr));
 }
 
 PyObject* function_repr(PyObject* self) {
@@ -244,41 +255,35 @@ PyObject* get_globals(PyObject* self, void*) {
 }
 
 // inspect.Signature with the annotation texts, built on first use.
+Ref build_signature(const FunctionDef& def) {
+  Ref inspect = own(PyImport_ImportModule("inspect"));
+  Ref parameter = own(PyObject_GetAttrString(inspect.get(), "Parameter"));
+  Ref signature_type = own(PyObject_GetAttrString(inspect.get(), "Signature"));
+  Ref kind = own(PyObject_GetAttrString(parameter.get(), "POSITIONAL_OR_KEYWORD"));
+  Ref params = own(PyList_New(0));
+  for (int i = 0; i < def.nparams; ++i) {
+    Ref args = own(Py_BuildValue("(sO)", def.params[i], kind.get()));
+    Ref kwargs = def.annotations[i] ? own(Py_BuildValue("{ss}", "annotation", def.annotations[i]))
+                                    : own(PyDict_New());
+    check(PyList_Append(params.get(),
+                        own(PyObject_Call(parameter.get(), args.get(), kwargs.get())).get()));
+  }
+  Ref args = own(PyTuple_Pack(1, params.get()));
+  Ref kwargs = own(PyDict_New());
+  if (def.returns) {
+    check(PyDict_SetItemString(kwargs.get(), "return_annotation", text(def.returns).get()));
+  }
+  return own(PyObject_Call(signature_type.get(), args.get(), kwargs.get()));
+}
+
 PyObject* get_signature(PyObject* self, void*) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
-  if (f->signature) return Ref::borrow(f->signature).release();
-  Ref inspect = Ref::steal(PyImport_ImportModule("inspect"));
-  if (!inspect) return nullptr;
-  Ref parameter = Ref::steal(PyObject_GetAttrString(inspect.get(), "Parameter"));
-  Ref signature_type = Ref::steal(PyObject_GetAttrString(inspect.get(), "Signature"));
-  if (!parameter || !signature_type) return nullptr;
-  Ref kind = Ref::steal(PyObject_GetAttrString(parameter.get(), "POSITIONAL_OR_KEYWORD"));
-  if (!kind) return nullptr;
-  Ref params = Ref::steal(PyList_New(0));
-  if (!params) return nullptr;
-  for (int i = 0; i < f->def->nparams; ++i) {
-    Ref param_name = Ref::steal(PyUnicode_FromString(f->def->params[i]));
-    Ref annotation = Ref::steal(PyUnicode_FromString(f->def->annotations[i]));
-    if (!param_name || !annotation) return nullptr;
-    Ref args = Ref::steal(PyTuple_Pack(2, param_name.get(), kind.get()));
-    Ref kwargs = Ref::steal(Py_BuildValue("{sO}", "annotation", annotation.get()));
-    if (!args || !kwargs) return nullptr;
-    Ref param = Ref::steal(PyObject_Call(parameter.get(), args.get(), kwargs.get()));
-    if (!param || PyList_Append(params.get(), param.get()) < 0) return nullptr;
-  }
-  Ref args = Ref::steal(PyTuple_Pack(1, params.get()));
-  Ref kwargs = Ref::steal(PyDict_New());
-  if (!args || !kwargs) return nullptr;
-  if (f->def->returns) {
-    Ref returns = Ref::steal(PyUnicode_FromString(f->def->returns));
-    if (!returns || PyDict_SetItemString(kwargs.get(), "return_annotation", returns.get()) < 0) {
-      return nullptr;
-    }
-  }
-  Ref signature = Ref::steal(PyObject_Call(signature_type.get(), args.get(), kwargs.get()));
-  if (!signature) return nullptr;
-  if (!f->signature) f->signature = Ref(signature).release();
-  return signature.release();
+  return guarded(
+      [&] {
+        if (!f->signature) f->signature = build_signature(*f->def).release();
+        return Ref::borrow(f->signature).release();
+      },
+      static_cast<PyObject*>(nullptr));
 }
 
 // Bound to an instance when read through a class, as a def is.
@@ -327,7 +332,9 @@ PyType_Slot function_slots[] = {
     {0, nullptr},
 };
 
-PyType_Spec function_spec = {
+}  // namespace
+
+PyType_Spec function_type_spec = {
     "registry_docs.function",
     sizeof(FunctionObject),
     0,
@@ -336,42 +343,29 @@ PyType_Spec function_spec = {
     function_slots,
 };
 
-}  // namespace
-
-Ref make_function_type(PyObject* module) {
-  return Ref::steal(PyType_FromModuleAndSpec(module, &function_spec, nullptr));
-}
-
 namespace {
 
-Ref new_function(PyObject* type, PyObject* module, PyObject* marker, const FunctionDef& def,
-                 PyObject* bound) {
-  Ref name = Ref::steal(PyUnicode_InternFromString(def.name));
-  Ref qualname = Ref::steal(PyUnicode_InternFromString(def.qualname ? def.qualname : def.name));
-  Ref module_name = Ref::steal(PyModule_GetNameObject(module));
-  Ref doc = def.doc ? Ref::steal(PyUnicode_FromString(def.doc)) : Ref::borrow(Py_None);
-  Ref annotations = Ref::steal(PyDict_New());
-  if (!name || !qualname || !module_name || !doc || !annotations) return Ref();
+Ref new_function(const State& state, PyObject* module, const FunctionDef& def, PyObject* bound) {
+  Ref name = own(PyUnicode_InternFromString(def.name));
+  Ref qualname = own(PyUnicode_InternFromString(def.qualname ? def.qualname : def.name));
+  Ref module_name = own(PyModule_GetNameObject(module));
+  Ref doc = def.doc ? text(def.doc) : Ref::borrow(Py_None);
+  Ref annotations = own(PyDict_New());
   for (int i = 0; i < def.nparams; ++i) {
-    Ref text = Ref::steal(PyUnicode_FromString(def.annotations[i]));
-    if (!text || PyDict_SetItemString(annotations.get(), def.params[i], text.get()) < 0) {
-      return Ref();
-    }
+    if (!def.annotations[i]) continue;  // a parameter written without one
+    check(PyDict_SetItemString(annotations.get(), def.params[i], text(def.annotations[i]).get()));
   }
-  if (def.returns) {
-    Ref returns = Ref::steal(PyUnicode_FromString(def.returns));
-    if (!returns || PyDict_SetItemString(annotations.get(), "return", returns.get()) < 0) {
-      return Ref();
-    }
-  }
+  if (def.returns)
+    check(PyDict_SetItemString(annotations.get(), "return", text(def.returns).get()));
 
-  auto* f = PyObject_GC_New(FunctionObject, reinterpret_cast<PyTypeObject*>(type));
-  if (!f) return Ref();
+  auto* type = reinterpret_cast<PyTypeObject*>(state.function_type.get());
+  Ref self = own(reinterpret_cast<PyObject*>(PyObject_GC_New(FunctionObject, type)));
+  auto* f = reinterpret_cast<FunctionObject*>(self.get());
   f->vectorcall = function_vectorcall;
   f->def = &def;
   f->module = Ref::borrow(module).release();
   f->globals = Ref::borrow(PyModule_GetDict(module)).release();
-  f->marker = Ref::borrow(marker).release();
+  f->state = Ref::borrow(state.object).release();
   f->bound = Ref::borrow(bound).release();
   f->name = name.release();
   f->qualname = qualname.release();
@@ -380,62 +374,61 @@ Ref new_function(PyObject* type, PyObject* module, PyObject* marker, const Funct
   f->annotations = annotations.release();
   f->signature = nullptr;
   f->weakrefs = nullptr;
-  PyObject_GC_Track(reinterpret_cast<PyObject*>(f));
-  return Ref::steal(reinterpret_cast<PyObject*>(f));
+  PyObject_GC_Track(self.get());
+  return self;
+}
+
+// The function object behind obj if it is one of the module's native functions, else null.
+const FunctionObject* native(PyObject* obj) {
+  if (Py_TYPE(obj)->tp_dealloc != function_dealloc) return nullptr;
+  return reinterpret_cast<const FunctionObject*>(obj);
 }
 
 }  // namespace
 
-Ref make_function(PyObject* type, PyObject* module, PyObject* marker, const FunctionDef& def) {
-  return new_function(type, module, marker, def, nullptr);
+Ref make_function(const State& state, PyObject* module, const FunctionDef& def) {
+  return new_function(state, module, def, nullptr);
 }
 
-Ref make_closure(const Env& env, const FunctionDef& def, PyObject* value) {
-  PyObject* type = reinterpret_cast<PyObject*>(Py_TYPE(env.function));
-  return new_function(type, env.module, env.marker, def, value);
+Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<PyObject*> values) {
+  Ref bound = own(PyTuple_New(static_cast<Py_ssize_t>(values.size())));
+  Py_ssize_t i = 0;
+  for (PyObject* value : values) PyTuple_SET_ITEM(bound.get(), i++, Ref::borrow(value).release());
+  return new_function(*env.state, env.module, def, bound.get());
 }
 
-PyObject* closure_value(const Env& env) {
-  return reinterpret_cast<FunctionObject*>(env.function)->bound;
+PyObject* const* closure_values(const Env& env) {
+  return &PyTuple_GET_ITEM(reinterpret_cast<FunctionObject*>(env.function)->bound, 0);
 }
 
-const FunctionDef* native_def(PyObject* obj) {
-  if (Py_TYPE(obj)->tp_dealloc != function_dealloc) return nullptr;
-  return reinterpret_cast<FunctionObject*>(obj)->def;
+bool is_native(PyObject* obj, const FunctionDef& def) {
+  const FunctionObject* f = native(obj);
+  return f && f->def == &def;
 }
 
 Ref lookup(const Env& env, Id id) {
-  PyObject* key = name(id);
+  PyObject* key = env.name(id);
   PyObject* found = nullptr;
-  int status = compat::dict_get_ref(env.globals, key, &found);
-  if (status > 0) return Ref::steal(found);
-  if (status < 0) return Ref();
-  PyObject* builtins = PyEval_GetBuiltins();
-  if (builtins) {
-    status = compat::dict_get_ref(builtins, key, &found);
-    if (status > 0) return Ref::steal(found);
-    if (status < 0) return Ref();
+  if (check(compat::dict_get_ref(env.globals, key, &found))) return Ref::steal(found);
+  if (PyObject* builtins = PyEval_GetBuiltins()) {
+    if (check(compat::dict_get_ref(builtins, key, &found))) return Ref::steal(found);
   }
   // The interpreter names the missing global on the error (`name`), which tracebacks use.
-  Ref message = Ref::steal(PyUnicode_FromFormat("name '%U' is not defined", key));
-  if (!message) return Ref();
-  Ref error = Ref::steal(PyObject_CallOneArg(PyExc_NameError, message.get()));
-  if (!error || PyObject_SetAttr(error.get(), name(Id::name), key) < 0) return Ref();
+  Ref message = own(PyUnicode_FromFormat("name '%U' is not defined", key));
+  Ref error = own(PyObject_CallOneArg(PyExc_NameError, message.get()));
+  check(PyObject_SetAttr(error.get(), env.name(Id::name), key));
   PyErr_SetObject(PyExc_NameError, error.get());
-  return Ref();
+  raise();
 }
 
 Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args) {
-  if (Py_TYPE(callable)->tp_dealloc == function_dealloc) {
-    auto* f = reinterpret_cast<FunctionObject*>(callable);
-    if (static_cast<int>(args.size()) == f->def->nparams) return run_body(f, args.begin());
-  }
+  const FunctionObject* f = native(callable);
+  if (f && static_cast<int>(args.size()) == f->def->nparams) return run_body(f, args.begin());
   return call(callable, args);
 }
 
 Ref call_global(const Env& env, Id id, std::initializer_list<PyObject*> args) {
   Ref callable = lookup(env, id);
-  if (!callable) return Ref();
   return call_found(callable.get(), args);
 }
 

@@ -1,20 +1,12 @@
 // The module's native function type and the resolver through which every module-level name is
 // found at each call.
 #pragma once
-#include "py.h"
+#include "module_state.h"
 
 namespace registry_docs {
 
-// What a running body needs: the namespace its names are looked up in.
-struct Env {
-  PyObject* module;              // borrowed: the running function object holds it
-  PyObject* globals;             // the module's dict, borrowed likewise
-  PyObject* marker;              // the `_MARKER` pattern the module made at import, likewise
-  PyObject* function = nullptr;  // the running function object, when a body runs in one
-};
-
-// A body gets exactly as many arguments as its definition names; it returns a new reference or
-// null with an exception set.
+// A body gets exactly as many arguments as its definition names and returns a new reference; it
+// throws PythonError with the exception set.
 using Body = Ref (*)(const Env& env, PyObject* const* args);
 
 struct FunctionDef {
@@ -22,25 +14,26 @@ struct FunctionDef {
   const char* doc;  // null: None, as for a def without a docstring
   int nparams;
   const char* params[2];
-  const char* annotations[2];
-  const char* returns;  // null: no return annotation
+  const char* annotations[2];  // null: the parameter has none
+  const char* returns;         // null: no return annotation
   Body body;
   const char* qualname = nullptr;  // null: the name
 };
 
-// Creates the function type for one module (called once per module execution).
-Ref make_function_type(PyObject* module);
-// Creates one function object bound to the module.
-Ref make_function(PyObject* type, PyObject* module, PyObject* marker, const FunctionDef& def);
+// The spec of the function type, made once per module into its state.
+extern PyType_Spec function_type_spec;
 
-// A function nested in the running one: a new function object of the same module that holds one
-// value, as a closure holds the variable it uses.
-Ref make_closure(const Env& env, const FunctionDef& def, PyObject* value);
-// The value the running closure holds (borrowed).
-PyObject* closure_value(const Env& env);
+// Creates one function object of the module.
+Ref make_function(const State& state, PyObject* module, const FunctionDef& def);
 
-// The function definition behind obj if it is one of this module's native functions, else null.
-const FunctionDef* native_def(PyObject* obj);
+// A function nested in the running one: a new function object of the same module that holds
+// values, as a closure holds the variables it uses.
+Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<PyObject*> values);
+// The values that the running closure holds, in the order given (borrowed).
+PyObject* const* closure_values(const Env& env);
+
+// Whether obj is the module's own function of that definition (so its native form may be used).
+bool is_native(PyObject* obj, const FunctionDef& def);
 
 // A module-level name, looked up now: the module's dict, then the built-ins; NameError if absent.
 Ref lookup(const Env& env, Id id);
@@ -50,10 +43,5 @@ Ref lookup(const Env& env, Id id);
 Ref call_global(const Env& env, Id id, std::initializer_list<PyObject*> args);
 // The same for an object already looked up.
 Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args);
-
-// Whether obj is the module's own function of that definition (so its native form may be used).
-inline bool is_native(PyObject* obj, const FunctionDef& def) {
-  return native_def(obj) == &def;
-}
 
 }  // namespace registry_docs

@@ -15,14 +15,9 @@ extern const FunctionDef kCliUsage;
 // `_code` is looked up for every item.
 Ref code_spans(const Env& env, PyObject* iterable, Id separator, bool by_name = false);
 
-// `format(value)` as an f-string replacement field without a spec writes it.
-inline Ref format_text(PyObject* value) {
-  return Ref::steal(PyObject_Format(value, nullptr));
-}
-
 // `tier.capitalize()`, as the tier cells and tier lists write a tier name.
-inline Ref capitalized(PyObject* tier) {
-  return call_method(tier, Id::capitalize, {});
+inline Ref capitalized(const Env& env, PyObject* tier) {
+  return env.method(tier, Id::capitalize, {});
 }
 
 }  // namespace registry_docs

@@ -1,6 +1,7 @@
 #include "markdown.h"
 
 #include <algorithm>
+#include <new>
 
 namespace registry_docs {
 
@@ -68,8 +69,7 @@ template <typename Char>
 Ref cell_of_kind(PyObject* text, const Char* data, Py_ssize_t size) {
   CellPlan<Char> plan = plan_cell(data, size);
   if (!plan.changed) return Ref::borrow(text);
-  Ref result = Ref::steal(PyUnicode_New(plan.length, plan.widest));
-  if (!result) return Ref();
+  Ref result = own(PyUnicode_New(plan.length, plan.widest));
   switch (PyUnicode_KIND(result.get())) {
     case PyUnicode_1BYTE_KIND:
       fill_cell(PyUnicode_1BYTE_DATA(result.get()), data, size);
@@ -85,262 +85,198 @@ Ref cell_of_kind(PyObject* text, const Char* data, Py_ssize_t size) {
 }
 
 Ref code_body(const Env&, PyObject* const* args) {
-  Ref text = Ref::steal(PyObject_Format(args[0], nullptr));
-  if (!text) return Ref();
+  Ref text = own(PyObject_Format(args[0], nullptr));
   return enclosed('`', text.get(), '`');
 }
 
-Ref cell_body(const Env&, PyObject* const* args) {
+Ref cell_body(const Env& env, PyObject* const* args) {
   PyObject* text = args[0];
   if (PyUnicode_CheckExact(text)) return cell_text(text);
   // Anything else takes the path the operations themselves define (an override, or the error a
   // non-str raises).
-  Ref words = call_method(text, Id::split, {});
-  if (!words) return Ref();
-  Ref joined = join(Id::space, words.get());
-  if (!joined) return Ref();
-  return Ref::steal(PyUnicode_Replace(joined.get(), name(Id::bar), name(Id::escaped_bar), -1));
+  Ref joined = join(env.name(Id::space), env.method(text, Id::split, {}).get());
+  return own(PyUnicode_Replace(joined.get(), env.name(Id::bar), env.name(Id::escaped_bar), -1));
 }
 
-Ref row_body(const Env&, PyObject* const* args) {
-  Ref joined = join(Id::bar_sep, args[0]);
-  if (!joined) return Ref();
-  TextWriter out;
-  if (!out.lit("| ") || !out.str(joined.get()) || !out.lit(" |")) return Ref();
-  return out.finish();
+Ref row_body(const Env& env, PyObject* const* args) {
+  Ref joined = join(env.name(Id::bar_sep), args[0]);
+  return TextWriter().lit("| ").str(joined.get()).lit(" |").finish();
 }
 
 // The rule under a header: one "---" for each title, read by iterating the header again.
-Ref rule_cells(PyObject* header) {
-  return collect(header, [](PyObject*) { return Ref::borrow(name(Id::rule)); });
+Ref rule_cells(const Env& env, PyObject* header) {
+  return collect(header, [&](PyObject*) { return Ref::borrow(env.name(Id::rule)); });
 }
 
 Ref table_body(const Env& env, PyObject* const* args) {
   PyObject* header = args[0];
-  Ref lines = Ref::steal(PyList_New(0));
-  if (!lines) return Ref();
-  auto append_row = [&](PyObject* cells) {
-    Ref line = call_global(env, Id::row, {cells});
-    return line && PyList_Append(lines.get(), line.get()) == 0;
-  };
-  if (!append_row(header)) return Ref();
+  Ref lines = own(PyList_New(0));
+  auto append = [&](Ref line) { check(PyList_Append(lines.get(), line.get())); };
+  append(call_global(env, Id::row, {header}));
   // `_row` is looked up before the rule's cells are made from the header, as the call reads it.
-  Ref row_fn = lookup(env, Id::row);
-  if (!row_fn) return Ref();
-  Ref rule = rule_cells(header);
-  if (!rule) return Ref();
-  Ref rule_line = call_found(row_fn.get(), {rule.get()});
-  if (!rule_line || PyList_Append(lines.get(), rule_line.get()) < 0) return Ref();
-  return for_each(args[1], append_row) ? lines : Ref();
+  Ref rule_row = lookup(env, Id::row);
+  append(call_found(rule_row.get(), {rule_cells(env, header).get()}));
+  for_each(args[1], [&](PyObject* row) { append(call_global(env, Id::row, {row})); });
+  return lines;
 }
 
 Ref value_body(const Env& env, PyObject* const* args) {
   PyObject* value = args[0];
-  if (PyBool_Check(value)) {
-    return Ref::steal(PyUnicode_FromString(value == Py_True ? "true" : "false"));
-  }
+  if (PyBool_Check(value)) return text(value == Py_True ? "true" : "false");
   if (PyList_Check(value) || PyTuple_Check(value)) {
     Ref parts = collect(value, [&](PyObject* item) { return call_global(env, Id::value, {item}); });
-    return parts ? join(Id::comma, parts.get()) : Ref();
+    return join(env.name(Id::comma), parts.get());
   }
-  return Ref::steal(PyObject_Str(value));
+  return str_of(value);
 }
 
-// The lazy rows a replaced `_table` or `_row` reads: each row's cells are computed as it reads
-// them.
-struct RowsObject {
+// ---------------------------------------------------------------------------------------------
+// The lazy rows a replaced `_table` or `_row` reads: Python iterators over the renderer's own
+// generators. Each holds the module and its state, which the generator's frame refers to.
+
+template <typename G>
+struct Lazy {
   PyObject ob_base;
-  RowSource* source;
+  G generator;
   PyObject* module;
-  bool done;  // ended or raised: like a generator, it yields nothing more
-};
-
-struct RowObject {
-  PyObject ob_base;
-  PyObject* rows;  // the RowsObject that owns the source
   PyObject* state;
-  int column;
 };
 
-PyTypeObject* g_rows_type = nullptr;
-PyTypeObject* g_row_type = nullptr;
-
-Env env_of_module(PyObject* module) {
-  return Env{module, PyModule_GetDict(module), nullptr};
+template <typename G>
+Ref wrap(const Env& env, PyObject* type, G generator) {
+  // The frame no longer runs inside the call that made it.
+  if (Env* frame = generator.env()) frame->function = nullptr;
+  auto* lazy = PyObject_GC_New(Lazy<G>, reinterpret_cast<PyTypeObject*>(type));
+  if (!lazy) raise();
+  new (&lazy->generator) G(std::move(generator));
+  lazy->module = Ref::borrow(env.module).release();
+  lazy->state = Ref::borrow(env.state->object).release();
+  PyObject_GC_Track(reinterpret_cast<PyObject*>(lazy));
+  return Ref::steal(reinterpret_cast<PyObject*>(lazy));
 }
 
-int rows_traverse(PyObject* self, visitproc visit, void* arg) {
-  auto* rows = reinterpret_cast<RowsObject*>(self);
+template <typename G>
+Env env_of(const Lazy<G>& lazy) {
+  return Env{&state_of(lazy.state), lazy.module, PyModule_GetDict(lazy.module)};
+}
+
+Ref emit(const Lazy<Cells>&, Ref cell) {
+  return cell;
+}
+
+Ref emit(const Lazy<Rows>& rows, Cells row) {
+  Env env = env_of(rows);
+  return wrap(env, env.state->row_type.get(), std::move(row));
+}
+
+template <typename G>
+PyObject* lazy_next(PyObject* self) {
+  auto* lazy = reinterpret_cast<Lazy<G>*>(self);
+  Ref keep = Ref::borrow(self);  // the generator may run code that drops the last reference
+  return guarded(
+      [&]() -> PyObject* {
+        auto value = lazy->generator.next();
+        return value ? emit(*lazy, std::move(*value)).release() : nullptr;
+      },
+      static_cast<PyObject*>(nullptr));
+}
+
+template <typename G>
+int lazy_traverse(PyObject* self, visitproc visit, void* arg) {
+  auto* lazy = reinterpret_cast<Lazy<G>*>(self);
   Py_VISIT(Py_TYPE(self));
-  Py_VISIT(rows->module);
-  return rows->source ? rows->source->traverse(visit, arg) : 0;
+  Py_VISIT(lazy->module);
+  Py_VISIT(lazy->state);
+  return lazy->generator.traverse(visit, arg);
 }
 
-int rows_clear(PyObject* self) {
-  auto* rows = reinterpret_cast<RowsObject*>(self);
-  delete std::exchange(rows->source, nullptr);
-  Py_CLEAR(rows->module);
+template <typename G>
+int lazy_clear(PyObject* self) {
+  auto* lazy = reinterpret_cast<Lazy<G>*>(self);
+  if (lazy->generator.running()) return 0;  // its frame is in use further up the stack
+  lazy->generator = G();
+  Py_CLEAR(lazy->module);
+  Py_CLEAR(lazy->state);
   return 0;
 }
 
-void rows_dealloc(PyObject* self) {
+template <typename G>
+void lazy_dealloc(PyObject* self) {
+  auto* lazy = reinterpret_cast<Lazy<G>*>(self);
   PyTypeObject* type = Py_TYPE(self);
   PyObject_GC_UnTrack(self);
-  rows_clear(self);
+  lazy->generator.~G();
+  Py_CLEAR(lazy->module);
+  Py_CLEAR(lazy->state);
   PyObject_GC_Del(self);
   Py_DECREF(type);
 }
 
-// The lazy row of one row state, reading its cells from the rows object's source.
-Ref make_row(PyObject* rows, Ref state) {
-  auto* row = PyObject_GC_New(RowObject, g_row_type);
-  if (!row) return Ref();
-  row->rows = Ref::borrow(rows).release();
-  row->state = state.release();
-  row->column = 0;
-  PyObject_GC_Track(reinterpret_cast<PyObject*>(row));
-  return Ref::steal(reinterpret_cast<PyObject*>(row));
-}
-
-PyObject* rows_next(PyObject* self) {
-  auto* rows = reinterpret_cast<RowsObject*>(self);
-  if (!rows->source || rows->done) return nullptr;
-  Ref state;
-  // The source may run host code; keep it alive while it does.
-  Ref keep = Ref::borrow(self);
-  if (!rows->source->next_row(env_of_module(rows->module), state)) {
-    rows->done = true;
-    return nullptr;
-  }
-  return make_row(self, std::move(state)).release();
-}
-
-int row_traverse(PyObject* self, visitproc visit, void* arg) {
-  auto* row = reinterpret_cast<RowObject*>(self);
-  Py_VISIT(Py_TYPE(self));
-  Py_VISIT(row->rows);
-  Py_VISIT(row->state);
-  return 0;
-}
-
-int row_clear(PyObject* self) {
-  auto* row = reinterpret_cast<RowObject*>(self);
-  Py_CLEAR(row->rows);
-  Py_CLEAR(row->state);
-  return 0;
-}
-
-void row_dealloc(PyObject* self) {
-  PyTypeObject* type = Py_TYPE(self);
-  PyObject_GC_UnTrack(self);
-  row_clear(self);
-  PyObject_GC_Del(self);
-  Py_DECREF(type);
-}
-
-PyObject* row_next(PyObject* self) {
-  auto* row = reinterpret_cast<RowObject*>(self);
-  if (!row->rows) return nullptr;
-  Ref rows = Ref::borrow(row->rows);
-  Ref state = Ref::borrow(row->state);
-  auto* owner = reinterpret_cast<RowsObject*>(rows.get());
-  if (!owner->source || row->column >= owner->source->columns()) return nullptr;
-  int column = row->column++;
-  Ref cell = owner->source->cell(env_of_module(owner->module), state.get(), column);
-  // A row that raised is finished, as a generator is.
-  if (!cell) row->column = owner->source->columns();
-  return cell.release();
-}
-
-PyType_Slot rows_slots[] = {
-    {Py_tp_dealloc, reinterpret_cast<void*>(rows_dealloc)},
-    {Py_tp_traverse, reinterpret_cast<void*>(rows_traverse)},
-    {Py_tp_clear, reinterpret_cast<void*>(rows_clear)},
+template <typename G>
+PyType_Slot lazy_slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(lazy_dealloc<G>)},
+    {Py_tp_traverse, reinterpret_cast<void*>(lazy_traverse<G>)},
+    {Py_tp_clear, reinterpret_cast<void*>(lazy_clear<G>)},
     {Py_tp_iter, reinterpret_cast<void*>(PyObject_SelfIter)},
-    {Py_tp_iternext, reinterpret_cast<void*>(rows_next)},
+    {Py_tp_iternext, reinterpret_cast<void*>(lazy_next<G>)},
     {0, nullptr},
 };
 
-PyType_Slot row_slots[] = {
-    {Py_tp_dealloc, reinterpret_cast<void*>(row_dealloc)},
-    {Py_tp_traverse, reinterpret_cast<void*>(row_traverse)},
-    {Py_tp_clear, reinterpret_cast<void*>(row_clear)},
-    {Py_tp_iter, reinterpret_cast<void*>(PyObject_SelfIter)},
-    {Py_tp_iternext, reinterpret_cast<void*>(row_next)},
-    {0, nullptr},
-};
+constexpr unsigned kLazyFlags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE |
+                                Py_TPFLAGS_DISALLOW_INSTANTIATION;
 
-constexpr unsigned kIteratorFlags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC |
-                                    Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_DISALLOW_INSTANTIATION;
-PyType_Spec rows_spec = {"registry_docs.table_rows", sizeof(RowsObject), 0, kIteratorFlags,
-                         rows_slots};
-PyType_Spec row_spec = {"registry_docs.table_row", sizeof(RowObject), 0, kIteratorFlags, row_slots};
+// ---------------------------------------------------------------------------------------------
+// Tables written by our own `_table`.
 
-Ref make_rows(const Env& env, std::unique_ptr<RowSource> source) {
-  if (!g_rows_type) {
-    g_rows_type = reinterpret_cast<PyTypeObject*>(PyType_FromSpec(&rows_spec));
-    if (!g_rows_type) return Ref();
-  }
-  if (!g_row_type) {
-    g_row_type = reinterpret_cast<PyTypeObject*>(PyType_FromSpec(&row_spec));
-    if (!g_row_type) return Ref();
-  }
-  auto* rows = PyObject_GC_New(RowsObject, g_rows_type);
-  if (!rows) return Ref();
-  rows->source = source.release();
-  rows->module = Ref::borrow(env.module).release();
-  rows->done = false;
-  PyObject_GC_Track(reinterpret_cast<PyObject*>(rows));
-  return Ref::steal(reinterpret_cast<PyObject*>(rows));
+// Every cell of a row, computed in order (as `" | ".join(row)` reads a generator first).
+std::vector<Ref> drain(Cells row) {
+  std::vector<Ref> cells;
+  while (auto cell = row.next()) cells.push_back(std::move(*cell));
+  return cells;
 }
 
-// One row written by our own `_row` from cells already computed: checked, then joined.
-bool write_cells(const Ref* cells, int columns, LineJoiner& out) {
-  for (int i = 0; i < columns; ++i) {
+// A row as our own `_row` writes it: each cell checked to be a str, then joined.
+void write_row(LineJoiner& out, const std::vector<Ref>& cells) {
+  for (size_t i = 0; i < cells.size(); ++i) {
     if (!PyUnicode_Check(cells[i].get())) {
-      join_type_error(i, cells[i].get());
-      return false;
+      join_type_error(static_cast<Py_ssize_t>(i), cells[i].get());
     }
   }
-  return out.row(cells, columns);
+  TextWriter* writer = out.start();
+  if (!writer) return;
+  writer->lit("| ");
+  for (size_t i = 0; i < cells.size(); ++i) {
+    if (i > 0) writer->lit(" | ");
+    writer->str(cells[i].get());
+  }
+  writer->lit(" |");
 }
 
-// One row written by our own `_row`: every cell computed, in order, then checked and joined.
-bool write_native_row(const Env& env, RowSource& source, PyObject* state, LineJoiner& out) {
-  int columns = source.columns();
-  Ref cells[8];
-  for (int i = 0; i < columns; ++i) {
-    cells[i] = source.cell(env, state, i);
-    if (!cells[i]) return false;
+// A row as a caller's function receives it when rows are built first.
+Ref row_tuple(const std::vector<Ref>& cells) {
+  Ref row = own(PyTuple_New(static_cast<Py_ssize_t>(cells.size())));
+  for (size_t i = 0; i < cells.size(); ++i) {
+    PyTuple_SET_ITEM(row.get(), static_cast<Py_ssize_t>(i), Ref(cells[i]).release());
   }
-  return write_cells(cells, columns, out);
+  return row;
 }
 
 // What our own `_table` writes before the rows: `_row(header)`, then `_row` of the rule.
-bool write_head(const Env& env, LineJoiner& out, PyObject* header) {
-  Ref line = call_global(env, Id::row, {header});
-  if (!line || !out.line(line.get())) return false;
-  // `_row` is looked up before the rule's cells are made from the header, as the call reads it.
+void write_head(const Env& env, LineJoiner& out, PyObject* header) {
+  out.line(call_global(env, Id::row, {header}).get());
   Ref rule_row = lookup(env, Id::row);
-  if (!rule_row) return false;
-  Ref rule = rule_cells(header);
-  if (!rule) return false;
-  line = call_found(rule_row.get(), {rule.get()});
-  return line && out.line(line.get());
-}
-
-// A row of computed cells as a caller's function receives it: a tuple.
-Ref row_tuple(const Ref* cells, int columns) {
-  Ref row = Ref::steal(PyTuple_New(columns));
-  if (!row) return Ref();
-  for (int i = 0; i < columns; ++i) PyTuple_SET_ITEM(row.get(), i, Ref(cells[i]).release());
-  return row;
+  out.line(call_found(rule_row.get(), {rule_cells(env, header).get()}).get());
 }
 
 }  // namespace
 
+PyType_Spec rows_type_spec = {"registry_docs.table_rows", sizeof(Lazy<Rows>), 0, kLazyFlags,
+                              lazy_slots<Rows>};
+PyType_Spec row_type_spec = {"registry_docs.table_row", sizeof(Lazy<Cells>), 0, kLazyFlags,
+                             lazy_slots<Cells>};
+
 Ref cell_text(PyObject* text) {
-  if (PyUnicode_READY(text) < 0) return Ref();
+  check(PyUnicode_READY(text));
   Py_ssize_t size = PyUnicode_GET_LENGTH(text);
   switch (PyUnicode_KIND(text)) {
     case PyUnicode_1BYTE_KIND:
@@ -352,18 +288,18 @@ Ref cell_text(PyObject* text) {
   }
 }
 
-Ref strip_text(PyObject* text) {
-  if (!PyUnicode_CheckExact(text)) return call_method(text, Id::strip, {});
+Ref strip_text(const Env& env, PyObject* text) {
+  if (!PyUnicode_CheckExact(text)) return env.method(text, Id::strip, {});
   Py_ssize_t size = PyUnicode_GET_LENGTH(text);
   Py_ssize_t start = 0;
   Py_ssize_t end = size;
   while (start < end && Py_UNICODE_ISSPACE(PyUnicode_READ_CHAR(text, start))) ++start;
   while (end > start && Py_UNICODE_ISSPACE(PyUnicode_READ_CHAR(text, end - 1))) --end;
   if (start == 0 && end == size) return Ref::borrow(text);
-  return Ref::steal(PyUnicode_Substring(text, start, end));
+  return own(PyUnicode_Substring(text, start, end));
 }
 
-bool LineJoiner::lines(PyObject* iterable) {
+void LineJoiner::lines(PyObject* iterable) {
   Ref iterator = Ref::steal(PyObject_GetIter(iterable));
   if (!iterator) {
     if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(iterable)->tp_iter == nullptr &&
@@ -372,94 +308,56 @@ bool LineJoiner::lines(PyObject* iterable) {
       PyErr_Format(PyExc_TypeError, "Value after * must be an iterable, not %.200s",
                    Py_TYPE(iterable)->tp_name);
     }
-    return false;
+    raise();
   }
-  while (Ref item = Ref::steal(PyIter_Next(iterator.get()))) {
-    if (!line(item.get())) return false;
-  }
-  return !PyErr_Occurred();
+  while (Ref item = next(iterator.get())) line(item.get());
 }
 
-bool LineJoiner::row(const Ref* cells, int count) {
-  TextWriter* out = start();
-  if (!out) return !PyErr_Occurred();
-  if (!out->lit("| ")) return false;
-  for (int i = 0; i < count; ++i) {
-    if ((i > 0 && !out->lit(" | ")) || !out->str(cells[i].get())) return false;
-  }
-  return out->lit(" |");
+BuiltRows build(Rows rows) {
+  BuiltRows built;
+  while (auto row = rows.next()) built.rows.push_back(drain(std::move(*row)));
+  return built;
 }
 
-bool write_table(const Env& env, LineJoiner& out, PyObject* header,
-                 std::unique_ptr<RowSource> rows) {
+void write_table(const Env& env, LineJoiner& out, PyObject* header, Rows rows) {
   Ref table = lookup(env, Id::table);
-  if (!table) return false;
   if (!is_native(table.get(), kTable)) {
-    Ref lazy = make_rows(env, std::move(rows));
-    if (!lazy) return false;
-    Ref lines = call_found(table.get(), {header, lazy.get()});
-    return lines && out.lines(lines.get());
+    Ref lazy = wrap(env, env.state->rows_type.get(), std::move(rows));
+    out.lines(call_found(table.get(), {header, lazy.get()}).get());
+    return;
   }
-  // Our own `_table`: the header row and the rule, then each row through `_row` as bound now.
-  if (!write_head(env, out, header)) return false;
-  Ref line;
+  write_head(env, out, header);
   // `*(_row(row) for row in rows)`: each row is taken before `_row` is looked up for it.
-  Ref lazy;  // made once a replaced `_row` needs row objects
-  while (true) {
-    Ref row_fn;
-    if (!lazy) {
-      Ref state;
-      if (!rows->next_row(env, state)) return !PyErr_Occurred();
-      row_fn = lookup(env, Id::row);
-      if (!row_fn) return false;
-      if (is_native(row_fn.get(), kRow)) {
-        if (!write_native_row(env, *rows, state.get(), out)) return false;
-        continue;
-      } else {
-        lazy = make_rows(env, std::move(rows));
-        Ref row = lazy ? make_row(lazy.get(), std::move(state)) : Ref();
-        line = row ? call_found(row_fn.get(), {row.get()}) : Ref();
-      }
+  while (auto row = rows.next()) {
+    Ref row_fn = lookup(env, Id::row);
+    if (is_native(row_fn.get(), kRow)) {
+      write_row(out, drain(std::move(*row)));
     } else {
-      Ref row = Ref::steal(PyIter_Next(lazy.get()));
-      if (!row) return !PyErr_Occurred();
-      row_fn = lookup(env, Id::row);
-      line = row_fn ? call_found(row_fn.get(), {row.get()}) : Ref();
+      Ref lazy = wrap(env, env.state->row_type.get(), std::move(*row));
+      out.line(call_found(row_fn.get(), {lazy.get()}).get());
     }
-    if (!line || !out.line(line.get())) return false;
   }
 }
 
-bool write_built_table(const Env& env, LineJoiner& out, PyObject* header,
-                       const std::vector<Ref>& cells, int columns) {
-  const Py_ssize_t count = static_cast<Py_ssize_t>(cells.size()) / columns;
+void write_table(const Env& env, LineJoiner& out, PyObject* header, BuiltRows rows) {
   Ref table = lookup(env, Id::table);
-  if (!table) return false;
   if (!is_native(table.get(), kTable)) {
-    Ref rows = Ref::steal(PyList_New(count));
-    if (!rows) return false;
-    for (Py_ssize_t i = 0; i < count; ++i) {
-      Ref row = row_tuple(&cells[static_cast<size_t>(i * columns)], columns);
-      if (!row) return false;
-      PyList_SET_ITEM(rows.get(), i, row.release());
+    Ref list = own(PyList_New(static_cast<Py_ssize_t>(rows.rows.size())));
+    for (size_t i = 0; i < rows.rows.size(); ++i) {
+      PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), row_tuple(rows.rows[i]).release());
     }
-    Ref lines = call_found(table.get(), {header, rows.get()});
-    return lines && out.lines(lines.get());
+    out.lines(call_found(table.get(), {header, list.get()}).get());
+    return;
   }
-  if (!write_head(env, out, header)) return false;
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    const Ref* row_cells = &cells[static_cast<size_t>(i * columns)];
+  write_head(env, out, header);
+  for (const std::vector<Ref>& cells : rows.rows) {
     Ref row_fn = lookup(env, Id::row);
-    if (!row_fn) return false;
     if (is_native(row_fn.get(), kRow)) {
-      if (!write_cells(row_cells, columns, out)) return false;
-      continue;
+      write_row(out, cells);
+    } else {
+      out.line(call_found(row_fn.get(), {row_tuple(cells).get()}).get());
     }
-    Ref row = row_tuple(row_cells, columns);
-    Ref line = row ? call_found(row_fn.get(), {row.get()}) : Ref();
-    if (!line || !out.line(line.get())) return false;
   }
-  return true;
 }
 
 const FunctionDef kCode = {"_code",  "Text as a Markdown code span.", 1, {"text"}, {"str"}, "str",

@@ -1,9 +1,11 @@
 // The module's entry point and the module body that runs once, at import.
 #include "blocks.h"
-#include "function.h"
+#include "catalogue.h"
+#include "compat.h"
 #include "listing.h"
 #include "maintenance.h"
 #include "markdown.h"
+#include "marker_blocks.h"
 #include "registry_inputs.h"
 
 namespace registry_docs {
@@ -67,115 +69,97 @@ const FunctionDef* const kFunctionsAfterRecord[] = {
     &kRead,           &kStaleBlocks,    &kBlocks,     &kWriteBlocks,
 };
 
-bool set(PyObject* globals, const char* key, PyObject* value) {
-  return value && PyDict_SetItemString(globals, key, value) == 0;
+void set(PyObject* globals, const char* key, PyObject* value) {
+  check(PyDict_SetItemString(globals, key, value));
 }
 
 // The bookkeeping a module body starts with: its docstring, file, spec, cache and annotations.
-bool bookkeeping(PyObject* module, PyObject* globals) {
-  Ref doc = Ref::steal(PyUnicode_FromString(kModuleDoc));
-  if (!set(globals, "__doc__", doc.get())) return false;
-  PyObject* file = PyDict_GetItemWithError(globals, name(Id::dunder_file));
-  if (!file && PyErr_Occurred()) return false;
-  if (!file) {
-    PyObject* spec = PyDict_GetItemWithError(globals, name(Id::dunder_spec));
-    if (!spec && PyErr_Occurred()) return false;
+void bookkeeping(PyObject* globals) {
+  set(globals, "__doc__", text(kModuleDoc).get());
+  if (!PyDict_GetItemString(globals, "__file__")) {
+    PyObject* spec = PyDict_GetItemString(globals, "__spec__");
     if (spec && spec != Py_None) {
-      Ref origin = Ref::steal(PyObject_GetAttrString(spec, "origin"));
-      if (!origin || !set(globals, "__file__", origin.get())) return false;
+      set(globals, "__file__", own(PyObject_GetAttrString(spec, "origin")).get());
     }
   }
-  (void)module;
+  set(globals, "__cached__", Py_None);
   // A module body runs with `__builtins__` bound before its first statement.
-  if (!set(globals, "__cached__", Py_None)) return false;
-  Ref builtins_key = Ref::steal(PyUnicode_InternFromString("__builtins__"));
-  int has_builtins = builtins_key ? PyDict_Contains(globals, builtins_key.get()) : -1;
-  if (has_builtins < 0 || (!has_builtins && !set(globals, "__builtins__", PyEval_GetBuiltins()))) {
-    return false;
+  if (!PyDict_GetItemString(globals, "__builtins__")) {
+    set(globals, "__builtins__", PyEval_GetBuiltins());
   }
-  Ref annotations = Ref::steal(PyDict_New());
-  return set(globals, "__annotations__", annotations.get());
+  set(globals, "__annotations__", own(PyDict_New()).get());
 }
 
-bool bind_functions(PyObject* module, PyObject* type, PyObject* marker,
-                    const FunctionDef* const* defs, size_t count) {
+void bind_functions(const State& state, PyObject* module, const FunctionDef* const* defs,
+                    size_t count) {
   PyObject* globals = PyModule_GetDict(module);
   for (size_t i = 0; i < count; ++i) {
-    Ref function = make_function(type, module, marker, *defs[i]);
-    if (!set(globals, defs[i]->name, function.get())) return false;
+    set(globals, defs[i]->name, make_function(state, module, *defs[i]).get());
   }
-  return true;
+}
+
+// The module body, in its order: bookkeeping, imports, globals, functions and the record type.
+void run_module_body(PyObject* module) {
+  PyObject* globals = PyModule_GetDict(module);
+  Ref state_object = make_state(module);
+  State& state = state_of(state_object.get());
+  bookkeeping(globals);
+  PyObject* importer = PyDict_GetItemString(PyEval_GetBuiltins(), "__import__");
+  if (!importer) {
+    PyErr_SetString(PyExc_ImportError, "__import__ not found");
+    raise();
+  }
+  Ref keep_importer = Ref::borrow(importer);
+  import_from(module, importer, "__future__", {"annotations"});
+  set(globals, "re", own(PyImport_ImportModule("re")).get());
+  import_from(module, importer, "collections.abc", {"Callable", "Iterable"});
+  import_from(module, importer, "dataclasses", {"dataclass"});
+  import_from(module, importer, "pathlib", {"Path"});
+  import_from(module, importer, "typing", {"Any", "get_args"});
+  import_host_names(module, importer);
+
+  Ref all = own(PyList_New(0));
+  for (const char* entry : kAll) {
+    check(PyList_Append(all.get(), own(PyUnicode_InternFromString(entry)).get()));
+  }
+  set(globals, "__all__", all.get());
+  PyObject* get_args = PyDict_GetItemString(globals, "get_args");
+  PyObject* tier_type = PyDict_GetItemString(globals, "ToolTier");
+  if (!get_args || !tier_type) {
+    PyErr_SetString(PyExc_ImportError, "get_args or ToolTier is missing");
+    raise();
+  }
+  set(globals, "_TIERS", call(get_args, {tier_type}).get());
+  check(PyObject_SetItem(own(PyObject_GetItem(globals, text("__annotations__").get())).get(),
+                         state.name(Id::TIERS), text("tuple[ToolTier, ...]").get()));
+  set(globals, "_NONE", text("--").get());
+  state.marker = compile_marker(module);
+  set(globals, "_MARKER", state.marker.get());
+
+  bind_functions(state, module, kFunctionsBeforeRecord, std::size(kFunctionsBeforeRecord));
+  set(globals, "GeneratedFile", build_generated_file(module).get());
+  bind_functions(state, module, kFunctionsAfterRecord, std::size(kFunctionsAfterRecord));
 }
 
 int exec_module(PyObject* module) {
-  if (!init_names()) return -1;
-  PyObject* globals = PyModule_GetDict(module);
-  if (!bookkeeping(module, globals)) return -1;
-  if (!import_from(module, "__future__", {"annotations"})) return -1;
-  {
-    Ref re = Ref::steal(PyImport_ImportModule("re"));
-    if (!set(globals, "re", re.get())) return -1;
-  }
-  if (!import_from(module, "collections.abc", {"Callable", "Iterable"}) ||
-      !import_from(module, "dataclasses", {"dataclass"}) ||
-      !import_from(module, "pathlib", {"Path"}) ||
-      !import_from(module, "typing", {"Any", "get_args"})) {
-    return -1;
-  }
-  if (!import_host_names(module)) return -1;
-
-  Ref all = Ref::steal(PyList_New(0));
-  if (!all) return -1;
-  for (const char* entry : kAll) {
-    Ref text = Ref::steal(PyUnicode_InternFromString(entry));
-    if (!text || PyList_Append(all.get(), text.get()) < 0) return -1;
-  }
-  if (!set(globals, "__all__", all.get())) return -1;
-
-  Ref get_args = Ref::borrow(PyDict_GetItemString(globals, "get_args"));
-  Ref tier_type = Ref::borrow(PyDict_GetItemString(globals, "ToolTier"));
-  if (!get_args || !tier_type) {
-    PyErr_SetString(PyExc_ImportError, "get_args or ToolTier is missing");
-    return -1;
-  }
-  Ref tiers = call(get_args.get(), {tier_type.get()});
-  if (!set(globals, "_TIERS", tiers.get())) return -1;
-  PyObject* annotations = PyDict_GetItemString(globals, "__annotations__");
-  Ref tiers_annotation = Ref::steal(PyUnicode_FromString("tuple[ToolTier, ...]"));
-  if (!annotations || !tiers_annotation ||
-      PyObject_SetItem(annotations, name(Id::TIERS), tiers_annotation.get()) < 0) {
-    return -1;
-  }
-  Ref none = Ref::steal(PyUnicode_FromString("--"));
-  if (!set(globals, "_NONE", none.get())) return -1;
-  Ref marker = compile_marker(module);
-  if (!set(globals, "_MARKER", marker.get())) return -1;
-
-  Ref type = make_function_type(module);
-  if (!type) return -1;
-  if (!bind_functions(module, type.get(), marker.get(), kFunctionsBeforeRecord,
-                      std::size(kFunctionsBeforeRecord))) {
-    return -1;
-  }
-  Ref record = build_generated_file(module);
-  if (!set(globals, "GeneratedFile", record.get())) return -1;
-  if (!bind_functions(module, type.get(), marker.get(), kFunctionsAfterRecord,
-                      std::size(kFunctionsAfterRecord))) {
-    return -1;
-  }
-  return 0;
+  return guarded(
+      [&] {
+        run_module_body(module);
+        return 0;
+      },
+      -1);
 }
 
 PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(exec_module)},
-    {0, nullptr},
+    REGISTRY_DOCS_INTERPRETER_SLOTS{0, nullptr},
 };
 
 PyModuleDef module_def = {
     PyModuleDef_HEAD_INIT,
     "registry_docs",
     nullptr,  // the docstring is set by the module body
-    0,
+    0,        // no per-module state: what the module owns lives in its state object
     nullptr,
     module_slots,
     nullptr,

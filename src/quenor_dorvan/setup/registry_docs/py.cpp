@@ -15,26 +15,33 @@ TextWriter::~TextWriter() {
   if (!finished_) _PyUnicodeWriter_Dealloc(&writer_);
 }
 
-bool TextWriter::str(PyObject* text) {
-  return _PyUnicodeWriter_WriteStr(&writer_, text) == 0;
+TextWriter& TextWriter::str(PyObject* text) {
+  check(_PyUnicodeWriter_WriteStr(&writer_, text));
+  return *this;
 }
 
-bool TextWriter::ascii(const char* text, Py_ssize_t size) {
-  return _PyUnicodeWriter_WriteASCIIString(&writer_, text, size) == 0;
+TextWriter& TextWriter::ascii(const char* text, Py_ssize_t size) {
+  check(_PyUnicodeWriter_WriteASCIIString(&writer_, text, size));
+  return *this;
 }
 
-bool TextWriter::substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
-  if (start >= end) return true;
-  return _PyUnicodeWriter_WriteSubstring(&writer_, text, start, end) == 0;
+TextWriter& TextWriter::format(PyObject* value) {
+  if (PyUnicode_CheckExact(value)) return str(value);
+  return str(own(PyObject_Format(value, nullptr)).get());
 }
 
-bool TextWriter::ch(Py_UCS4 c) {
-  return _PyUnicodeWriter_WriteChar(&writer_, c) == 0;
+TextWriter& TextWriter::number(Py_ssize_t n) {
+  return str(str_of(own(PyLong_FromSsize_t(n)).get()).get());
+}
+
+TextWriter& TextWriter::substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
+  if (start < end) check(_PyUnicodeWriter_WriteSubstring(&writer_, text, start, end));
+  return *this;
 }
 
 Ref TextWriter::finish() {
   finished_ = true;
-  return Ref::steal(_PyUnicodeWriter_Finish(&writer_));
+  return own(_PyUnicodeWriter_Finish(&writer_));
 }
 
 JoinWriter::JoinWriter(const char* separator)
@@ -43,119 +50,64 @@ JoinWriter::JoinWriter(const char* separator)
 TextWriter* JoinWriter::start() {
   Py_ssize_t index = count_++;
   if (bad_index_ >= 0) return nullptr;
-  if (index > 0 && separator_size_ > 0 && !writer_.ascii(separator_, separator_size_)) {
-    return nullptr;
-  }
+  if (index > 0 && separator_size_ > 0) writer_.ascii(separator_, separator_size_);
   return &writer_;
 }
 
-bool JoinWriter::item(PyObject* text) {
+void JoinWriter::item(PyObject* text) {
   if (bad_index_ < 0 && !PyUnicode_Check(text)) {
     bad_index_ = count_++;
     bad_item_ = Ref::borrow(text);
-    return true;
+    return;
   }
-  TextWriter* out = start();
-  return out ? out->str(text) : !PyErr_Occurred();
+  if (TextWriter* out = start()) out->str(text);
 }
 
 Ref JoinWriter::finish() {
-  if (bad_index_ >= 0) {
-    join_type_error(bad_index_, bad_item_.get());
-    return Ref();
-  }
+  if (bad_index_ >= 0) join_type_error(bad_index_, bad_item_.get());
   return writer_.finish();
 }
 
 namespace {
 
-const char* const kNameTexts[] = {
-#define REGISTRY_DOCS_TEXT(id, text) text,
-    REGISTRY_DOCS_NAMES(REGISTRY_DOCS_TEXT)
-#undef REGISTRY_DOCS_TEXT
-};
-
-PyObject* g_names[static_cast<int>(Id::count)] = {};
+// At most 6 arguments are ever passed; one slot before them lets callees reuse the array.
+constexpr size_t kMaxArgs = 7;
 
 }  // namespace
 
-bool init_names() {
-  if (g_names[0]) return true;
-  for (int i = 0; i < static_cast<int>(Id::count); ++i) {
-    PyObject* text = PyUnicode_InternFromString(kNameTexts[i]);
-    if (!text) {
-      for (int j = 0; j < i; ++j) Py_CLEAR(g_names[j]);
-      return false;
-    }
-    g_names[i] = text;
-  }
-  return true;
+Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
+  PyObject* stack[kMaxArgs + 1];
+  size_t n = 0;
+  for (PyObject* arg : args) stack[1 + n++] = arg;
+  return own(PyObject_Vectorcall(callable, stack + 1, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
-PyObject* name(Id id) {
-  return g_names[static_cast<int>(id)];
-}
-
-Ref call_method(PyObject* obj, Id method, std::initializer_list<PyObject*> args) {
-  PyObject* stack[8];  // callers pass at most 6 arguments
+Ref call_method(PyObject* obj, PyObject* method, std::initializer_list<PyObject*> args) {
+  PyObject* stack[kMaxArgs + 1];
   stack[0] = obj;
   size_t n = 1;
   for (PyObject* arg : args) stack[n++] = arg;
-  return Ref::steal(
-      PyObject_VectorcallMethod(name(method), stack, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+  return own(PyObject_VectorcallMethod(method, stack, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
-Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
-  PyObject* stack[8];  // callers pass at most 6 arguments
-  stack[0] = nullptr;
-  size_t n = 0;
-  for (PyObject* arg : args) stack[1 + n++] = arg;
-  return Ref::steal(
-      PyObject_Vectorcall(callable, stack + 1, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
-}
-
-Ref subscript(PyObject* obj, PyObject* key) {
-  return Ref::steal(PyObject_GetItem(obj, key));
-}
-
-Ref subscript(PyObject* obj, Id key) {
-  return subscript(obj, name(key));
-}
-
-Ref mapping_get(PyObject* mapping, PyObject* key) {
-  if (PyDict_CheckExact(mapping)) {
-    PyObject* found = nullptr;
-    int status = compat::dict_get_ref(mapping, key, &found);
-    if (status < 0) return Ref();
-    return status ? Ref::steal(found) : Ref::borrow(Py_None);
-  }
-  return call_method(mapping, Id::get, {key});
-}
-
-Ref mapping_get(PyObject* mapping, Id key) {
-  return mapping_get(mapping, name(key));
-}
-
-bool check_concat(PyObject* obj) {
-  if (PyUnicode_Check(obj)) return true;
-  PyErr_Format(PyExc_TypeError, "can only concatenate str (not \"%.200s\") to str",
-               Py_TYPE(obj)->tp_name);
-  return false;
+Ref mapping_get(PyObject* mapping, PyObject* key, PyObject* get_method_name) {
+  if (!PyDict_CheckExact(mapping)) return call_method(mapping, get_method_name, {key});
+  PyObject* found = nullptr;
+  if (check(compat::dict_get_ref(mapping, key, &found))) return Ref::steal(found);
+  return Ref::borrow(Py_None);
 }
 
 void join_type_error(Py_ssize_t index, PyObject* item) {
   PyErr_Format(PyExc_TypeError, "sequence item %zd: expected str instance, %.80s found", index,
                Py_TYPE(item)->tp_name);
+  raise();
 }
 
-bool unpack_pair(PyObject* item, Ref& first, Ref& second) {
+std::pair<Ref, Ref> unpack_pair(PyObject* item) {
   if (PyTuple_CheckExact(item) || PyList_CheckExact(item)) {
-    Py_ssize_t size = PySequence_Fast_GET_SIZE(item);
-    if (size == 2) {
+    if (PySequence_Fast_GET_SIZE(item) == 2) {
       PyObject** items = PySequence_Fast_ITEMS(item);
-      first = Ref::borrow(items[0]);
-      second = Ref::borrow(items[1]);
-      return true;
+      return {Ref::borrow(items[0]), Ref::borrow(items[1])};
     }
   }
   Ref iterator = Ref::steal(PyObject_GetIter(item));
@@ -166,44 +118,33 @@ bool unpack_pair(PyObject* item, Ref& first, Ref& second) {
       PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object",
                    Py_TYPE(item)->tp_name);
     }
-    return false;
+    raise();
   }
   Ref parts[2];
   for (int i = 0; i < 2; ++i) {
-    parts[i] = Ref::steal(PyIter_Next(iterator.get()));
+    parts[i] = next(iterator.get());
     if (!parts[i]) {
-      if (!PyErr_Occurred()) {
-        PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 2, got %d)", i);
-      }
-      return false;
+      PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 2, got %d)", i);
+      raise();
     }
   }
-  Ref extra = Ref::steal(PyIter_Next(iterator.get()));
-  if (extra) {
+  if (next(iterator.get())) {
     PyErr_SetString(PyExc_ValueError, "too many values to unpack (expected 2)");
-    return false;
+    raise();
   }
-  if (PyErr_Occurred()) return false;
-  first = std::move(parts[0]);
-  second = std::move(parts[1]);
-  return true;
+  return {std::move(parts[0]), std::move(parts[1])};
 }
 
 Ref enclosed(char open, PyObject* text, char close) {
   Py_ssize_t size = PyUnicode_GET_LENGTH(text);
   Py_UCS4 widest = PyUnicode_IS_ASCII(text) ? 127 : PyUnicode_MAX_CHAR_VALUE(text);
-  Ref result = Ref::steal(PyUnicode_New(size + 2, widest));
-  if (!result) return Ref();
+  Ref result = own(PyUnicode_New(size + 2, widest));
   int kind = PyUnicode_KIND(result.get());
   void* data = PyUnicode_DATA(result.get());
   PyUnicode_WRITE(kind, data, 0, static_cast<Py_UCS4>(open));
-  if (PyUnicode_CopyCharacters(result.get(), 1, text, 0, size) < 0) return Ref();
+  check(static_cast<int>(PyUnicode_CopyCharacters(result.get(), 1, text, 0, size)));
   PyUnicode_WRITE(kind, data, size + 1, static_cast<Py_UCS4>(close));
   return result;
-}
-
-Ref join(Id separator, PyObject* list) {
-  return Ref::steal(PyUnicode_Join(name(separator), list));
 }
 
 }  // namespace registry_docs

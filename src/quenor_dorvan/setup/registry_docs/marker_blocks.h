@@ -1,0 +1,44 @@
+// Marked blocks in a str, found and replaced as the module's `_MARKER` finds and replaces them:
+// by the native scanner (markers.h) while `_MARKER` is the pattern the module compiled, through
+// the bound object's own `finditer` and `sub` once a caller rebinds it.
+#pragma once
+#include "function.h"
+
+namespace registry_docs {
+
+extern const FunctionDef kBlockNames;
+extern const FunctionDef kBlocks;
+
+// The compiled block-marker pattern, as the module binds it to `_MARKER`.
+Ref compile_marker(PyObject* module);
+
+// A block being replaced, as the replacement function reads its match.
+class BlockMatch {
+ public:
+  // `match["name"]`.
+  virtual Ref name() const = 0;
+
+ protected:
+  ~BlockMatch() = default;
+};
+
+// The text that goes between a block's markers, from the block and the values that the
+// replacement function holds (its closure's values).
+using Fill = Ref (*)(const Env& env, const BlockMatch& match, PyObject* const* held);
+
+// A replacement function `render(match)` returning `match["open"] + fill(...) + "\n" +
+// match["close"]`: its definition, for a rebound `_MARKER.sub`, and its fill.
+struct Replacement {
+  const FunctionDef& render;
+  Fill fill;
+};
+
+// The body of such a `render`: the match is a Python match object.
+Ref render_match(const Env& env, PyObject* match, Fill fill);
+
+// `marker.sub(render, text)` with `render` the replacement holding `held`: each block of the text
+// filled anew, in text order, the text between blocks kept.
+Ref replace_blocks(const Env& env, PyObject* marker, PyObject* text, const Replacement& replacement,
+                   std::initializer_list<PyObject*> held);
+
+}  // namespace registry_docs

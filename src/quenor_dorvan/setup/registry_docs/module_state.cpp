@@ -1,0 +1,94 @@
+#include "module_state.h"
+
+#include <new>
+
+#include "function.h"
+#include "markdown.h"
+
+namespace registry_docs {
+
+namespace {
+
+const char* const kNameTexts[] = {
+#define REGISTRY_DOCS_TEXT(id, text) text,
+    REGISTRY_DOCS_NAMES(REGISTRY_DOCS_TEXT)
+#undef REGISTRY_DOCS_TEXT
+};
+
+struct StateObject {
+  PyObject ob_base;
+  State state;
+};
+
+int state_traverse(PyObject* self, visitproc visit, void* arg) {
+  State& state = reinterpret_cast<StateObject*>(self)->state;
+  Py_VISIT(Py_TYPE(self));
+  Py_VISIT(state.marker.get());
+  Py_VISIT(state.function_type.get());
+  Py_VISIT(state.rows_type.get());
+  Py_VISIT(state.row_type.get());
+  return 0;
+}
+
+int state_clear(PyObject* self) {
+  State& state = reinterpret_cast<StateObject*>(self)->state;
+  state.marker = Ref();
+  state.function_type = Ref();
+  state.rows_type = Ref();
+  state.row_type = Ref();
+  return 0;
+}
+
+void state_dealloc(PyObject* self) {
+  PyTypeObject* type = Py_TYPE(self);
+  PyObject_GC_UnTrack(self);
+  reinterpret_cast<StateObject*>(self)->state.~State();
+  PyObject_GC_Del(self);
+  Py_DECREF(type);
+}
+
+PyType_Slot state_slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(state_dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void*>(state_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(state_clear)},
+    {0, nullptr},
+};
+
+PyType_Spec state_spec = {
+    "registry_docs.state",
+    sizeof(StateObject),
+    0,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE |
+        Py_TPFLAGS_DISALLOW_INSTANTIATION,
+    state_slots,
+};
+
+Ref type_from(PyObject* module, PyType_Spec& spec) {
+  return own(PyType_FromModuleAndSpec(module, &spec, nullptr));
+}
+
+}  // namespace
+
+State& state_of(PyObject* state_object) {
+  return reinterpret_cast<StateObject*>(state_object)->state;
+}
+
+Ref make_state(PyObject* module) {
+  Ref type = type_from(module, state_spec);
+  auto* object = PyObject_GC_New(StateObject, reinterpret_cast<PyTypeObject*>(type.get()));
+  if (!object) raise();
+  new (&object->state) State();
+  Ref holder = Ref::steal(reinterpret_cast<PyObject*>(object));
+  State& state = object->state;
+  state.object = holder.get();
+  for (int i = 0; i < static_cast<int>(Id::count); ++i) {
+    state.names[i] = own(PyUnicode_InternFromString(kNameTexts[i]));
+  }
+  state.function_type = type_from(module, function_type_spec);
+  state.rows_type = type_from(module, rows_type_spec);
+  state.row_type = type_from(module, row_type_spec);
+  PyObject_GC_Track(holder.get());
+  return holder;
+}
+
+}  // namespace registry_docs
