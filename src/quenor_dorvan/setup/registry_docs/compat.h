@@ -1,6 +1,6 @@
 // Every difference between the CPython versions the module builds for lives here.
 #pragma once
-#include <Python.h>
+#include "py.h"
 
 namespace registry_docs::compat {
 
@@ -24,13 +24,8 @@ inline int dict_get_ref(PyObject* dict, PyObject* key, PyObject** result) {
 #if PY_VERSION_HEX >= 0x030D0000
   return PyDict_GetItemRef(dict, key, result);
 #else
-  PyObject* item = PyDict_GetItemWithError(dict, key);
-  if (item) {
-    Py_INCREF(item);
-    *result = item;
-    return 1;
-  }
-  *result = nullptr;
+  *result = Ref::borrow(PyDict_GetItemWithError(dict, key)).release();
+  if (*result) return 1;
   return PyErr_Occurred() ? -1 : 0;
 #endif
 }
@@ -44,11 +39,10 @@ inline PyObject* take_exception() {
   PyObject* value = nullptr;
   PyObject* traceback = nullptr;
   PyErr_Fetch(&type, &value, &traceback);
-  if (!type) return nullptr;
   PyErr_NormalizeException(&type, &value, &traceback);
+  Ref owned_type = Ref::steal(type);
+  Ref owned_traceback = Ref::steal(traceback);
   if (value && traceback) PyException_SetTraceback(value, traceback);
-  Py_XDECREF(type);
-  Py_XDECREF(traceback);
   return value;
 #endif
 }

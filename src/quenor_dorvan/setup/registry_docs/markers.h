@@ -73,14 +73,12 @@ struct Marker {
   std::ptrdiff_t start, name_start, name_end;
 };
 
-}  // namespace markers
-
-// Appends the blocks of `text` to `blocks`, in text order. `is_word(c)` says whether code point c
-// counts as a word character (`\w`); names are runs of word characters, ':' and '-'.
+// The open and close markers of a text, in text order. A name ends at the first character that
+// cannot be in one, so each "<!-- " gives at most one marker and a name never runs into the next
+// "<". `is_word(c)` says whether code point c counts as a word character (`\w`).
 template <typename Char, typename IsWord>
-void scan_markers(const Char* text, std::ptrdiff_t size, IsWord is_word,
-                  std::vector<MarkedBlock>& blocks) {
-  using namespace markers;
+void find_markers(const Char* text, std::ptrdiff_t size, IsWord is_word, std::vector<Marker>& opens,
+                  std::vector<Marker>& closes) {
   auto name_end = [&](std::ptrdiff_t pos) {
     while (pos < size) {
       std::uint32_t c = text[pos];
@@ -89,11 +87,6 @@ void scan_markers(const Char* text, std::ptrdiff_t size, IsWord is_word,
     }
     return pos;
   };
-
-  // A name ends at the first character that cannot be in one, so each "<!-- " gives at most one
-  // marker, and a name never runs into the next "<".
-  std::vector<Marker> opens;
-  std::vector<Marker> closes;
   for (std::ptrdiff_t pos = 0; pos < size; ++pos) {
     if constexpr (sizeof(Char) == 1) {
       const void* lt = std::memchr(text + pos, '<', static_cast<std::size_t>(size - pos));
@@ -102,69 +95,101 @@ void scan_markers(const Char* text, std::ptrdiff_t size, IsWord is_word,
     }
     if (text[pos] != '<' || !at(text, size, pos, kLead)) continue;
     std::ptrdiff_t tag = pos + length(kLead);
-    if (at(text, size, tag, kOpenTag)) {
-      std::ptrdiff_t start = tag + length(kOpenTag);
-      std::ptrdiff_t end = name_end(start);
-      if (end > start && at(text, size, end, kOpenEnd)) opens.push_back({pos, start, end});
-      pos = end - 1;
-    } else if (at(text, size, tag, kCloseTag)) {
-      std::ptrdiff_t start = tag + length(kCloseTag);
-      std::ptrdiff_t end = name_end(start);
-      if (end > start && at(text, size, end, kCloseEnd)) closes.push_back({pos, start, end});
-      pos = end - 1;
+    bool open = at(text, size, tag, kOpenTag);
+    if (!open && !at(text, size, tag, kCloseTag)) continue;
+    std::ptrdiff_t start = tag + (open ? length(kOpenTag) : length(kCloseTag));
+    std::ptrdiff_t end = name_end(start);
+    if (end > start && (open ? at(text, size, end, kOpenEnd) : at(text, size, end, kCloseEnd))) {
+      (open ? opens : closes).push_back({pos, start, end});
     }
+    pos = end - 1;
   }
-  if (opens.empty() || closes.empty()) return;
+}
 
-  // The close markers of each name, in text order: an open-addressing table from name to a list
-  // threaded through `next`, and a cursor per name that only moves forward.
-  std::size_t capacity = 16;
-  while (capacity < 2 * closes.size()) capacity *= 2;
-  const std::size_t mask = capacity - 1;
-  constexpr std::size_t kNone = static_cast<std::size_t>(-1);
-  std::vector<std::size_t> slots(capacity, kNone);  // first close of the name in the slot
-  std::vector<std::size_t> last(capacity, kNone);   // last close of the name, while threading
-  std::vector<std::size_t> next(closes.size(), kNone);
-  auto find_slot = [&](const Marker& marker, bool& found) {
+// The close markers of each name, in text order: an open-addressing table from name to a list
+// threaded through `next_`, and a cursor per name that only moves forward.
+template <typename Char>
+class CloseIndex {
+ public:
+  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+  CloseIndex(const Char* text, const std::vector<Marker>& closes) : text_(text), closes_(closes) {
+    std::size_t capacity = 16;
+    while (capacity < 2 * closes.size()) capacity *= 2;
+    mask_ = capacity - 1;
+    slots_.assign(capacity, kNone);
+    cursors_.assign(capacity, kNone);  // the last close of each name, while threading
+    next_.assign(closes.size(), kNone);
+    for (std::size_t i = 0; i < closes.size(); ++i) {
+      bool found = false;
+      std::size_t slot = find_slot(closes[i], found);
+      if (found) {
+        next_[cursors_[slot]] = i;
+      } else {
+        slots_[slot] = i;
+      }
+      cursors_[slot] = i;
+    }
+    cursors_ = slots_;  // from now on: the first close of each name not yet passed
+  }
+
+  // The first close marker with the open marker's name that starts at or after `pos`, or kNone.
+  // Successive calls for one name must not ask for an earlier position.
+  std::size_t first_close(const Marker& open, std::ptrdiff_t pos) {
+    bool found = false;
+    std::size_t slot = find_slot(open, found);
+    if (!found) return kNone;
+    std::size_t& cursor = cursors_[slot];
+    while (cursor != kNone && closes_[cursor].start < pos) cursor = next_[cursor];
+    return cursor;
+  }
+
+ private:
+  std::size_t find_slot(const Marker& marker, bool& found) const {
     std::ptrdiff_t size_of_name = marker.name_end - marker.name_start;
-    std::size_t slot = static_cast<std::size_t>(name_hash(text + marker.name_start, size_of_name));
-    for (slot &= mask;; slot = (slot + 1) & mask) {
-      if (slots[slot] == kNone) {
+    std::size_t slot = static_cast<std::size_t>(name_hash(text_ + marker.name_start, size_of_name));
+    for (slot &= mask_;; slot = (slot + 1) & mask_) {
+      if (slots_[slot] == kNone) {
         found = false;
         return slot;
       }
-      const Marker& held = closes[slots[slot]];
+      const Marker& held = closes_[slots_[slot]];
       if (held.name_end - held.name_start == size_of_name &&
-          same_name(text + held.name_start, text + marker.name_start, size_of_name)) {
+          same_name(text_ + held.name_start, text_ + marker.name_start, size_of_name)) {
         found = true;
         return slot;
       }
     }
-  };
-  for (std::size_t i = 0; i < closes.size(); ++i) {
-    bool found = false;
-    std::size_t slot = find_slot(closes[i], found);
-    if (found) {
-      next[last[slot]] = i;
-    } else {
-      slots[slot] = i;
-    }
-    last[slot] = i;
   }
-  std::vector<std::size_t>& cursors = last;  // reused: the first close not yet passed, per name
-  for (std::size_t slot = 0; slot < capacity; ++slot) cursors[slot] = slots[slot];
 
+  const Char* text_;
+  const std::vector<Marker>& closes_;
+  std::size_t mask_ = 0;
+  std::vector<std::size_t> slots_;    // first close of the name in the slot
+  std::vector<std::size_t> cursors_;  // per slot
+  std::vector<std::size_t> next_;     // the next close of the same name
+};
+
+}  // namespace markers
+
+// Appends the blocks of `text` to `blocks`, in text order. `is_word(c)` says whether code point c
+// counts as a word character (`\w`); names are runs of word characters, ':' and '-'.
+template <typename Char, typename IsWord>
+void scan_markers(const Char* text, std::ptrdiff_t size, IsWord is_word,
+                  std::vector<MarkedBlock>& blocks) {
+  using namespace markers;
+  std::vector<Marker> opens;
+  std::vector<Marker> closes;
+  find_markers(text, size, is_word, opens, closes);
+  if (opens.empty() || closes.empty()) return;
+  CloseIndex<Char> index(text, closes);
   std::ptrdiff_t resume = 0;  // where the search goes on after the last block found
   for (const Marker& open : opens) {
     if (open.start < resume) continue;  // inside the previous block: body text
-    bool found = false;
-    std::size_t slot = find_slot(open, found);
-    if (!found) continue;
     std::ptrdiff_t body_start = open.name_end + length(kOpenEnd);
-    std::size_t& cursor = cursors[slot];
-    while (cursor != kNone && closes[cursor].start < body_start) cursor = next[cursor];
-    if (cursor == kNone) continue;  // unclosed: skipped
-    const Marker& close = closes[cursor];
+    std::size_t found = index.first_close(open, body_start);
+    if (found == CloseIndex<Char>::kNone) continue;  // unclosed: skipped
+    const Marker& close = closes[found];
     std::ptrdiff_t close_end = close.name_end + length(kCloseEnd);
     blocks.push_back(
         {open.start, open.name_start, open.name_end, body_start, close.start, close_end});
