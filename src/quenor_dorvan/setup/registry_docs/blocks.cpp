@@ -28,11 +28,6 @@ Ref header_of(std::initializer_list<const char*> titles) {
   return header;
 }
 
-// `_actions_cell(tool, placeholder)`.
-Ref actions_with(const Env& env, PyObject* tool, PyObject* placeholder) {
-  return call_global(env, Id::actions_cell, {tool, placeholder});
-}
-
 Ref code_of(const Env& env, PyObject* shown) {
   return call_global(env, Id::code, {shown});
 }
@@ -61,7 +56,7 @@ Ref line_then_table(const Env& env, PyObject* line, PyObject* header, Rows rows)
 
 Cells skill_row(Env env, Ref tool) {
   co_yield code_of(env, host::name(env, tool.get()).get());
-  co_yield actions_with(env, tool.get(), text(kOneCall).get());
+  co_yield call_global(env, Id::actions_cell, tool.get(), text(kOneCall).get());
   co_yield cell_of(env, host::mcp_text(env, tool.get()).get());
 }
 
@@ -77,7 +72,7 @@ Ref skill_tools_block_body(const Env& env, PyObject* const*) {
 }
 
 Ref actions_with_none(const Env& env, PyObject* tool) {
-  return actions_with(env, tool, lookup(env, Id::NONE).get());
+  return call_global(env, Id::actions_cell, tool, lookup(env, Id::NONE).get());
 }
 
 // `"**" + tool.tier.capitalize() + "**"`: concatenated with `+`, not formatted.
@@ -156,14 +151,9 @@ Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
   return out.finish();
 }
 
-// `_code(cli_usage(tool))`.
-Ref usage_cell(const Env& env, PyObject* tool) {
-  return code_of(env, call_global(env, Id::cli_usage, {tool}).get());
-}
-
 Cells cli_row(Env env, Ref tool) {
   co_yield code_of(env, host::name(env, tool.get()).get());
-  co_yield usage_cell(env, tool.get());
+  co_yield code_of(env, call_global(env, Id::cli_usage, tool.get()).get());
 }
 
 Ref mcp_cli_block_body(const Env& env, PyObject* const*) {
@@ -276,25 +266,14 @@ Ref served_actions(const Env& env, PyObject* param) {
   return PyUnicode_GET_LENGTH(served.get()) ? served : text(kAll);
 }
 
-// The cells that the module's own cell functions make, looked up when the cell is read.
-Ref type_of(const Env& env, PyObject* prop) {
-  return call_global(env, Id::type_cell, {prop});
-}
-Ref default_of(const Env& env, PyObject* param) {
-  return cell_of(env, call_global(env, Id::default_cell, {param}).get());
-}
-Ref description_of(const Env& env, PyObject* param, PyObject* prop) {
-  return call_global(env, Id::description_cell, {param, prop});
-}
-
 Cells param_row(Env env, Ref param, Ref prop, Ref required, bool has_actions) {
   co_yield code_of(env, host::name(env, param.get()).get());
   co_yield code_of(env, option_of(env, param.get()).get());
-  co_yield type_of(env, prop.get());
+  co_yield call_global(env, Id::type_cell, prop.get());
   co_yield required_cell(env, param.get(), required.get());
-  co_yield default_of(env, param.get());
+  co_yield cell_of(env, call_global(env, Id::default_cell, param.get()).get());
   if (has_actions) co_yield served_actions(env, param.get());
-  co_yield description_of(env, param.get(), prop.get());
+  co_yield call_global(env, Id::description_cell, param.get(), prop.get());
 }
 
 // `for param in tool.all_params: prop = properties[param.name]; rows.append((...))`.

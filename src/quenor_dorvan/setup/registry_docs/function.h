@@ -41,6 +41,12 @@ Ref lookup(const Env& env, Id id);
 // Calls a module-level name with positional arguments. When the name still holds one of the
 // module's native functions its body runs directly; anything else goes through the call protocol.
 Ref call_global(const Env& env, Id id, std::initializer_list<PyObject*> args);
+// The same with the arguments listed plainly (usable inside a `co_yield` expression, which GCC 12
+// does not compile with a braced list in it).
+template <typename... Args>
+Ref call_global(const Env& env, Id id, Args*... args) {
+  return call_global(env, id, std::initializer_list<PyObject*>{args...});
+}
 // The same for an object already looked up.
 Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args);
 
