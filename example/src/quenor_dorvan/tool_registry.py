@@ -74,27 +74,31 @@ class ParamSpec:
             and self.minimum > self.maximum
         ):
             raise ValueError(f"{where}: minimum above maximum")
-        value_type = self.items if self.type == "array" else self.type
+        # Allowed values of an array are its items' (arrays always have `items`, checked above).
+        value_type = self.type if self.items is None else self.items
         for value in self.values:
             if not _fits(value, value_type):
                 raise ValueError(f"{where}: allowed value {value!r} is not {value_type}")
         defaults = [self.default] + [value for _, value in self.action_defaults]
         for value in defaults:
             if value is not None:
-                self._check_value(value, where)
+                self._check_value(value, where, value_type)
 
-    def _check_value(self, value: JsonValue, where: str) -> None:
+    def _check_value(self, value: JsonValue, where: str, item_type: str) -> None:
         if not _fits(value, self.type):
             raise ValueError(f"{where}: default {value!r} is not {self.type}")
-        if self.type == "array":
+        # Having passed `_fits`, a list is the default of an array and a number that of a number.
+        if isinstance(value, list):
             for item in value:
-                if not _fits(item, self.items):
-                    raise ValueError(f"{where}: default item {item!r} is not {self.items}")
+                if not _fits(item, item_type):
+                    raise ValueError(f"{where}: default item {item!r} is not {item_type}")
                 if self.values and item not in self.values:
                     raise ValueError(f"{where}: default item {item!r} not allowed")
             return
         if self.values and value not in self.values:
             raise ValueError(f"{where}: default {value!r} not allowed")
+        if not isinstance(value, (int, float)):
+            return
         if self.minimum is not None and value < self.minimum:
             raise ValueError(f"{where}: default {value!r} below minimum")
         if self.maximum is not None and value > self.maximum:

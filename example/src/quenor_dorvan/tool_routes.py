@@ -17,7 +17,7 @@ _SKILL_ROUTES = (
 )
 
 
-def _table(header: tuple, rows: tuple) -> str:
+def _table(header: tuple[str, ...], rows: tuple[tuple[str, str], ...]) -> str:
     lines = [
         "| " + " | ".join(header) + " |",
         "| " + " | ".join("---" for _ in header) + " |",
