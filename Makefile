@@ -30,3 +30,9 @@ test: build
 
 clean:
 	rm -rf $(BUILD)
+
+# The benchmark (bench/README.md): medians and ratios measured in one run, and the issue's targets.
+.PHONY: bench
+BENCH_ARGS ?=
+bench: build
+	PYTHONPATH=$(BUILD)/host $(PYTHON) bench/run.py $(BENCH_ARGS)
