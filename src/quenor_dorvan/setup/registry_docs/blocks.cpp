@@ -9,16 +9,24 @@ namespace registry_docs {
 
 namespace {
 
-// Texts the tables show.
-constexpr char kOneCall[] = "*(one call)*";
-constexpr char kYes[] = "Yes";
-constexpr char kNo[] = "No";
-constexpr char kAll[] = "all";
-constexpr char kCliNote[] =
-    "Every parameter is an option of the same name in kebab-case (`token_budget` is "
-    "`--token-budget`), an array is a comma-separated list, and a boolean is `--flag` or "
-    "`--flag true|false`. `quenor-dorvan query <tool> --help` prints a tool's options with their "
-    "full texts and `quenor-dorvan query --schema` prints them all as JSON Schema.";
+// The texts and headers the renderers show, in the order of `Shown`.
+enum Shown : Py_ssize_t {
+  kOneCall,
+  kYes,
+  kNo,
+  kAll,
+  kStars,
+  kTiersTitle,
+  kParamsHeading,
+  kCliNote,
+  kSkillHeader,
+  kReadmeHeader,
+  kOverviewHeader,
+  kCliHeader,
+  kParamsHeader,
+  kPlainParamsHeader,
+  kShownCount
+};
 
 // A tuple of fixed column titles.
 Ref header_of(std::initializer_list<const char*> titles) {
@@ -26,6 +34,10 @@ Ref header_of(std::initializer_list<const char*> titles) {
   Py_ssize_t i = 0;
   for (const char* title : titles) PyTuple_SET_ITEM(header.get(), i++, text(title).release());
   return header;
+}
+
+PyObject* shown(const Env& env, Shown which) {
+  return PyTuple_GET_ITEM(env.state->shown.get(), which);
 }
 
 Ref code_of(const Env& env, PyObject* shown) {
@@ -56,7 +68,7 @@ Ref line_then_table(const Env& env, PyObject* line, PyObject* header, Rows rows)
 
 Cells skill_row(Env env, Ref tool) {
   co_yield code_of(env, host::name(env, tool.get()).get());
-  co_yield call_global(env, Id::actions_cell, tool.get(), text(kOneCall).get());
+  co_yield call_global(env, Id::actions_cell, tool.get(), shown(env, kOneCall));
   co_yield cell_of(env, host::mcp_text(env, tool.get()).get());
 }
 
@@ -67,7 +79,7 @@ Ref skill_tools_block_body(const Env& env, PyObject* const*) {
                     .number(host::tool_count(env))
                     .lit(" tools; MCP name = CLI `quenor-dorvan query <tool>`)")
                     .finish();
-  return line_then_table(env, heading.get(), header_of({"Tool", "Actions", "Use for"}).get(),
+  return line_then_table(env, heading.get(), shown(env, kSkillHeader),
                          rows_of(env, std::move(tools), skill_row));
 }
 
@@ -77,10 +89,9 @@ Ref actions_with_none(const Env& env, PyObject* tool) {
 
 // `"**" + tool.tier.capitalize() + "**"`: concatenated with `+`, not formatted.
 Ref bold_tier(const Env& env, PyObject* tool) {
-  Ref stars = text("**");
   Ref tier = capitalized(env, host::tier(env, tool).get());
-  Ref opened = own(PyNumber_Add(stars.get(), tier.get()));
-  return own(PyNumber_Add(opened.get(), stars.get()));
+  Ref opened = own(PyNumber_Add(shown(env, kStars), tier.get()));
+  return own(PyNumber_Add(opened.get(), shown(env, kStars)));
 }
 
 Cells readme_row(Env env, Ref tool) {
@@ -96,8 +107,7 @@ Ref readme_tools_block_body(const Env& env, PyObject* const*) {
   line.number(host::tool_count(env)).lit(" tools for code intelligence, ");
   line.format(call_global(env, Id::tier_counts, {}).get());
   line.lit(". A tool with actions takes an `action` parameter that selects one.");
-  return line_then_table(env, line.finish().get(),
-                         header_of({"Tier", "Tool", "Actions", "Purpose"}).get(),
+  return line_then_table(env, line.finish().get(), shown(env, kReadmeHeader),
                          rows_of(env, std::move(tools), readme_row));
 }
 
@@ -142,10 +152,9 @@ Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
   Ref tier_lines =
       collect(host::tiers(env).get(), [&](PyObject* tier) { return tier_line(env, tier); });
   LineJoiner out;
-  write_table(env, out, header_of({"#", "Tool", "Actions", "Tier", "Purpose"}).get(),
-              overview_rows(env, std::move(tools)));
+  write_table(env, out, shown(env, kOverviewHeader), overview_rows(env, std::move(tools)));
   out.line(env.name(Id::empty));
-  out.line(text("**Tiers:**").get());
+  out.line(shown(env, kTiersTitle));
   out.line(env.name(Id::empty));
   out.lines(tier_lines.get());
   return out.finish();
@@ -158,7 +167,7 @@ Cells cli_row(Env env, Ref tool) {
 
 Ref mcp_cli_block_body(const Env& env, PyObject* const*) {
   Ref tools = iter_ordered_tools(env);
-  return line_then_table(env, text(kCliNote).get(), header_of({"Tool", "CLI usage"}).get(),
+  return line_then_table(env, shown(env, kCliNote), shown(env, kCliHeader),
                          rows_of(env, std::move(tools), cli_row));
 }
 
@@ -257,13 +266,14 @@ Ref option_of(const Env& env, PyObject* param) {
 
 // `"Yes" if param.name in required else "No"`.
 Ref required_cell(const Env& env, PyObject* param, PyObject* required) {
-  return text(check(PySequence_Contains(required, host::name(env, param).get())) ? kYes : kNo);
+  return Ref::borrow(
+      shown(env, check(PySequence_Contains(required, host::name(env, param).get())) ? kYes : kNo));
 }
 
 // `", ".join(param.applies_to) or "all"`.
 Ref served_actions(const Env& env, PyObject* param) {
   Ref served = join(env.name(Id::comma), host::applies_to(env, param).get());
-  return PyUnicode_GET_LENGTH(served.get()) ? served : text(kAll);
+  return PyUnicode_GET_LENGTH(served.get()) ? served : Ref::borrow(shown(env, kAll));
 }
 
 Cells param_row(Env env, Ref param, Ref prop, Ref required, bool has_actions) {
@@ -304,10 +314,7 @@ Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
   check_same_params(env, tool, properties.get());
   Ref required = own(PySet_New(subscript(schema.get(), env.name(Id::required)).get()));
   bool has_actions = host::has_actions(env, tool);
-  Ref header =
-      has_actions
-          ? header_of({"Parameter", "CLI", "Type", "Required", "Default", "Actions", "Description"})
-          : header_of({"Parameter", "CLI", "Type", "Required", "Default", "Description"});
+  PyObject* header = shown(env, has_actions ? kParamsHeader : kPlainParamsHeader);
   // Every row is built before the lines around the table and before `_table` is looked up.
   Ref params = own(PyObject_GetIter(host::all_params(env, tool).get()));
   BuiltRows rows = build(
@@ -318,9 +325,9 @@ Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
     out.line(TextWriter().lit("**Actions:** ").str(listed.get()).finish().get());
     out.line(env.name(Id::empty));
   }
-  out.line(text("#### Parameters").get());
+  out.line(shown(env, kParamsHeading));
   out.line(env.name(Id::empty));
-  write_table(env, out, header.get(), std::move(rows));
+  write_table(env, out, header, std::move(rows));
   return out.finish();
 }
 
@@ -384,6 +391,32 @@ Ref rules_block_body(const Env& env, PyObject* const*) {
 }
 
 }  // namespace
+
+Ref make_shown_texts() {
+  Ref texts = own(PyTuple_New(kShownCount));
+  auto set = [&](Shown which, Ref value) { PyTuple_SET_ITEM(texts.get(), which, value.release()); };
+  set(kOneCall, text("*(one call)*"));
+  set(kYes, text("Yes"));
+  set(kNo, text("No"));
+  set(kAll, text("all"));
+  set(kStars, text("**"));
+  set(kTiersTitle, text("**Tiers:**"));
+  set(kParamsHeading, text("#### Parameters"));
+  set(kCliNote,
+      text("Every parameter is an option of the same name in kebab-case (`token_budget` is "
+           "`--token-budget`), an array is a comma-separated list, and a boolean is `--flag` or "
+           "`--flag true|false`. `quenor-dorvan query <tool> --help` prints a tool's options with "
+           "their full texts and `quenor-dorvan query --schema` prints them all as JSON Schema."));
+  set(kSkillHeader, header_of({"Tool", "Actions", "Use for"}));
+  set(kReadmeHeader, header_of({"Tier", "Tool", "Actions", "Purpose"}));
+  set(kOverviewHeader, header_of({"#", "Tool", "Actions", "Tier", "Purpose"}));
+  set(kCliHeader, header_of({"Tool", "CLI usage"}));
+  set(kParamsHeader,
+      header_of({"Parameter", "CLI", "Type", "Required", "Default", "Actions", "Description"}));
+  set(kPlainParamsHeader,
+      header_of({"Parameter", "CLI", "Type", "Required", "Default", "Description"}));
+  return texts;
+}
 
 const FunctionDef kSkillToolsBlock = {
     "skill_tools_block",

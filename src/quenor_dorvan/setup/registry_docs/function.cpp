@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 
 #include "compat.h"
 #include "module_state.h"
@@ -19,8 +20,8 @@ struct FunctionObject {
   const FunctionDef* def;
   PyObject* module;
   PyObject* globals;
-  PyObject* state;  // the module's state object
-  PyObject* bound;  // a closure's values (a tuple), or null
+  PyObject* state;     // the module's state object
+  PyObject* bound[2];  // a closure's values, held inline: a tuple would add a tracked object
   PyObject* name;
   PyObject* qualname;
   PyObject* module_name;
@@ -36,7 +37,8 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(f->module);
   Py_VISIT(f->globals);
   Py_VISIT(f->state);
-  Py_VISIT(f->bound);
+  Py_VISIT(f->bound[0]);
+  Py_VISIT(f->bound[1]);
   Py_VISIT(f->annotations);
   Py_VISIT(f->signature);
   return 0;
@@ -47,7 +49,8 @@ int function_clear(PyObject* self) {
   Py_CLEAR(f->module);
   Py_CLEAR(f->globals);
   Py_CLEAR(f->state);
-  Py_CLEAR(f->bound);
+  Py_CLEAR(f->bound[0]);
+  Py_CLEAR(f->bound[1]);
   Py_CLEAR(f->annotations);
   Py_CLEAR(f->signature);
   return 0;
@@ -345,7 +348,8 @@ PyType_Spec function_type_spec = {
 
 namespace {
 
-Ref new_function(const State& state, PyObject* module, const FunctionDef& def, PyObject* bound) {
+Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
+                 std::initializer_list<PyObject*> bound) {
   Ref name = own(PyUnicode_InternFromString(def.name));
   Ref qualname = own(PyUnicode_InternFromString(def.qualname ? def.qualname : def.name));
   Ref module_name = own(PyModule_GetNameObject(module));
@@ -366,7 +370,9 @@ Ref new_function(const State& state, PyObject* module, const FunctionDef& def, P
   f->module = Ref::borrow(module).release();
   f->globals = Ref::borrow(PyModule_GetDict(module)).release();
   f->state = Ref::borrow(state.object).release();
-  f->bound = Ref::borrow(bound).release();
+  f->bound[0] = f->bound[1] = nullptr;
+  PyObject** slot = f->bound;
+  for (PyObject* value : bound) *slot++ = Ref::borrow(value).release();
   f->name = name.release();
   f->qualname = qualname.release();
   f->module_name = module_name.release();
@@ -387,18 +393,19 @@ const FunctionObject* native(PyObject* obj) {
 }  // namespace
 
 Ref make_function(const State& state, PyObject* module, const FunctionDef& def) {
-  return new_function(state, module, def, nullptr);
+  return new_function(state, module, def, {});
 }
 
 Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<PyObject*> values) {
-  Ref bound = own(PyTuple_New(static_cast<Py_ssize_t>(values.size())));
-  Py_ssize_t i = 0;
-  for (PyObject* value : values) PyTuple_SET_ITEM(bound.get(), i++, Ref::borrow(value).release());
-  return new_function(*env.state, env.module, def, bound.get());
+  if (values.size() > std::size(FunctionObject{}.bound)) {
+    PyErr_SetString(PyExc_SystemError, "a closure holds at most two values");
+    raise();
+  }
+  return new_function(*env.state, env.module, def, values);
 }
 
 PyObject* const* closure_values(const Env& env) {
-  return &PyTuple_GET_ITEM(reinterpret_cast<FunctionObject*>(env.function)->bound, 0);
+  return reinterpret_cast<FunctionObject*>(env.function)->bound;
 }
 
 bool is_native(PyObject* obj, const FunctionDef& def) {

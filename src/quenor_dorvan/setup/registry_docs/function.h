@@ -26,8 +26,8 @@ extern PyType_Spec function_type_spec;
 // Creates one function object of the module.
 Ref make_function(const State& state, PyObject* module, const FunctionDef& def);
 
-// A function nested in the running one: a new function object of the same module that holds
-// values, as a closure holds the variables it uses.
+// A function nested in the running one: a new function object of the same module that holds up to
+// two values, as a closure holds the variables it uses.
 Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<PyObject*> values);
 // The values that the running closure holds, in the order given (borrowed).
 PyObject* const* closure_values(const Env& env);

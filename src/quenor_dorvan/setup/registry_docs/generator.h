@@ -3,10 +3,12 @@
 // generators are. The same statement is drained straight into the output, or handed to a caller's
 // function as lazy Python iterators (markdown.h).
 #pragma once
+#include <algorithm>
+#include <array>
 #include <coroutine>
 #include <optional>
+#include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "module_state.h"
 
@@ -21,17 +23,26 @@ class Generator {
     bool running = false;
     // The Python references the frame holds are its parameters; the garbage collector reaches
     // them through these pointers (a parameter moved out of leaves a null Ref behind).
-    std::vector<Ref*> held;
+    std::array<Ref*, 4> held{};
     Env* env = nullptr;
 
     template <typename... Args>
     explicit promise_type(Args&... args) {
+      static_assert((std::is_same_v<Args, Ref> + ... + 0) <= 4, "at most four references");
       (hold(args), ...);
     }
-    void hold(Ref& ref) { held.push_back(&ref); }
+    void hold(Ref& ref) { *std::find(held.begin(), held.end(), nullptr) = &ref; }
     void hold(Env& frame_env) { env = &frame_env; }
     template <typename Other>
     void hold(Other&) {}
+
+    // Frames are small and many (one per row): Python's small-object allocator serves them
+    // faster than the C++ heap, and the GIL is held wherever a frame is made or destroyed.
+    static void* operator new(std::size_t size) {
+      if (void* frame = PyMem_Malloc(size)) return frame;
+      throw std::bad_alloc();
+    }
+    static void operator delete(void* frame) { PyMem_Free(frame); }
 
     Generator get_return_object() {
       return Generator(std::coroutine_handle<promise_type>::from_promise(*this));
@@ -93,7 +104,9 @@ class Generator {
 
   int traverse(visitproc visit, void* arg) const {
     if (!handle_) return 0;
-    for (Ref* ref : handle_.promise().held) Py_VISIT(ref->get());
+    for (Ref* ref : handle_.promise().held) {
+      if (ref) Py_VISIT(ref->get());
+    }
     if (handle_.promise().current) return visit_current(*handle_.promise().current, visit, arg);
     return 0;
   }

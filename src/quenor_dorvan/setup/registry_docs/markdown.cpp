@@ -228,16 +228,14 @@ constexpr unsigned kLazyFlags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPF
 // ---------------------------------------------------------------------------------------------
 // Tables written by our own `_table`.
 
-// Every cell of a row, computed in order (as `" | ".join(row)` reads a generator first).
-std::vector<Ref> drain(Cells row) {
-  std::vector<Ref> cells;
+// Appends every cell of a row, computed in order (as `" | ".join(row)` reads a generator first).
+void drain(Cells row, std::vector<Ref>& cells) {
   while (auto cell = row.next()) cells.push_back(std::move(*cell));
-  return cells;
 }
 
 // A row as our own `_row` writes it: each cell checked to be a str, then joined.
-void write_row(LineJoiner& out, const std::vector<Ref>& cells) {
-  for (size_t i = 0; i < cells.size(); ++i) {
+void write_row(LineJoiner& out, const Ref* cells, size_t count) {
+  for (size_t i = 0; i < count; ++i) {
     if (!PyUnicode_Check(cells[i].get())) {
       join_type_error(static_cast<Py_ssize_t>(i), cells[i].get());
     }
@@ -245,7 +243,7 @@ void write_row(LineJoiner& out, const std::vector<Ref>& cells) {
   TextWriter* writer = out.start();
   if (!writer) return;
   writer->lit("| ");
-  for (size_t i = 0; i < cells.size(); ++i) {
+  for (size_t i = 0; i < count; ++i) {
     if (i > 0) writer->lit(" | ");
     writer->str(cells[i].get());
   }
@@ -253,9 +251,9 @@ void write_row(LineJoiner& out, const std::vector<Ref>& cells) {
 }
 
 // A row as a caller's function receives it when rows are built first.
-Ref row_tuple(const std::vector<Ref>& cells) {
-  Ref row = own(PyTuple_New(static_cast<Py_ssize_t>(cells.size())));
-  for (size_t i = 0; i < cells.size(); ++i) {
+Ref row_tuple(const Ref* cells, size_t count) {
+  Ref row = own(PyTuple_New(static_cast<Py_ssize_t>(count)));
+  for (size_t i = 0; i < count; ++i) {
     PyTuple_SET_ITEM(row.get(), static_cast<Py_ssize_t>(i), Ref(cells[i]).release());
   }
   return row;
@@ -315,7 +313,10 @@ void LineJoiner::lines(PyObject* iterable) {
 
 BuiltRows build(Rows rows) {
   BuiltRows built;
-  while (auto row = rows.next()) built.rows.push_back(drain(std::move(*row)));
+  while (auto row = rows.next()) {
+    drain(std::move(*row), built.cells);
+    built.ends.push_back(built.cells.size());
+  }
   return built;
 }
 
@@ -328,10 +329,13 @@ void write_table(const Env& env, LineJoiner& out, PyObject* header, Rows rows) {
   }
   write_head(env, out, header);
   // `*(_row(row) for row in rows)`: each row is taken before `_row` is looked up for it.
+  std::vector<Ref> cells;
   while (auto row = rows.next()) {
     Ref row_fn = lookup(env, Id::row);
     if (is_native(row_fn.get(), kRow)) {
-      write_row(out, drain(std::move(*row)));
+      cells.clear();
+      drain(std::move(*row), cells);
+      write_row(out, cells.data(), cells.size());
     } else {
       Ref lazy = wrap(env, env.state->row_type.get(), std::move(*row));
       out.line(call_found(row_fn.get(), {lazy.get()}).get());
@@ -342,20 +346,23 @@ void write_table(const Env& env, LineJoiner& out, PyObject* header, Rows rows) {
 void write_table(const Env& env, LineJoiner& out, PyObject* header, BuiltRows rows) {
   Ref table = lookup(env, Id::table);
   if (!is_native(table.get(), kTable)) {
-    Ref list = own(PyList_New(static_cast<Py_ssize_t>(rows.rows.size())));
-    for (size_t i = 0; i < rows.rows.size(); ++i) {
-      PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), row_tuple(rows.rows[i]).release());
+    Ref list = own(PyList_New(static_cast<Py_ssize_t>(rows.ends.size())));
+    for (size_t i = 0, start = 0; i < rows.ends.size(); start = rows.ends[i++]) {
+      Ref row = row_tuple(rows.cells.data() + start, rows.ends[i] - start);
+      PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), row.release());
     }
     out.lines(call_found(table.get(), {header, list.get()}).get());
     return;
   }
   write_head(env, out, header);
-  for (const std::vector<Ref>& cells : rows.rows) {
+  for (size_t i = 0, start = 0; i < rows.ends.size(); start = rows.ends[i++]) {
     Ref row_fn = lookup(env, Id::row);
     if (is_native(row_fn.get(), kRow)) {
-      write_row(out, cells);
+      write_row(out, rows.cells.data() + start, rows.ends[i] - start);
     } else {
-      out.line(call_found(row_fn.get(), {row_tuple(cells).get()}).get());
+      out.line(call_found(row_fn.get(),
+                          {row_tuple(rows.cells.data() + start, rows.ends[i] - start).get()})
+                   .get());
     }
   }
 }

@@ -30,9 +30,10 @@ class LineJoiner : public JoinWriter {
   void lines(PyObject* iterable);  // every item of an iterable, as `*iterable` spreads it
 };
 
-// Rows read in full before the table is made: each row's cells, in order.
+// Rows read in full before the table is made: every row's cells, in order, one after another.
 struct BuiltRows {
-  std::vector<std::vector<Ref>> rows;
+  std::vector<Ref> cells;
+  std::vector<size_t> ends;  // where each row's cells end
 };
 BuiltRows build(Rows rows);
 

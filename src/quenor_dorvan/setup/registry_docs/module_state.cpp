@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "blocks.h"
 #include "function.h"
 #include "markdown.h"
 
@@ -27,6 +28,7 @@ int state_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(state.function_type.get());
   Py_VISIT(state.rows_type.get());
   Py_VISIT(state.row_type.get());
+  Py_VISIT(state.shown.get());
   return 0;
 }
 
@@ -36,6 +38,7 @@ int state_clear(PyObject* self) {
   state.function_type = Ref();
   state.rows_type = Ref();
   state.row_type = Ref();
+  state.shown = Ref();
   return 0;
 }
 
@@ -87,6 +90,7 @@ Ref make_state(PyObject* module) {
   state.function_type = type_from(module, function_type_spec);
   state.rows_type = type_from(module, rows_type_spec);
   state.row_type = type_from(module, row_type_spec);
+  state.shown = make_shown_texts();
   PyObject_GC_Track(holder.get());
   return holder;
 }

@@ -116,10 +116,11 @@ enum class Id {
 
 struct State {
   Ref names[static_cast<int>(Id::count)];
-  Ref marker;                  // the `_MARKER` pattern the module compiled at import
-  Ref function_type;           // the module's function type
-  Ref rows_type;               // the lazy rows a replaced `_table` reads
-  Ref row_type;                // one lazy row
+  Ref marker;         // the `_MARKER` pattern the module compiled at import
+  Ref function_type;  // the module's function type
+  Ref rows_type;      // the lazy rows a replaced `_table` reads
+  Ref row_type;       // one lazy row
+  Ref shown;          // the texts and headers the block renderers show (made by blocks.cpp)
   PyObject* object = nullptr;  // the object this state lives in, for what must keep it alive
 
   PyObject* name(Id id) const { return names[static_cast<int>(id)].get(); }
