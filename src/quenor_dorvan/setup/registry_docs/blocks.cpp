@@ -40,13 +40,6 @@ PyObject* shown(const Env& env, Shown which) {
   return PyTuple_GET_ITEM(env.state->shown.get(), which);
 }
 
-Ref code_of(const Env& env, PyObject* shown) {
-  return call_global(env, Id::code, {shown});
-}
-Ref cell_of(const Env& env, PyObject* shown) {
-  return call_global(env, Id::cell, {shown});
-}
-
 // `iter(ordered_tools())`, as a generator expression takes its iterable when it is made.
 Ref iter_ordered_tools(const Env& env) {
   return own(PyObject_GetIter(call_global(env, Id::ordered_tools, {}).get()));
@@ -67,9 +60,9 @@ Ref line_then_table(const Env& env, PyObject* line, PyObject* header, Rows rows)
 }
 
 Cells skill_row(Env env, Ref tool) {
-  co_yield code_of(env, host::name(env, tool.get()).get());
+  co_yield call_on_field(env, Id::code, tool.get(), Id::name);
   co_yield call_global(env, Id::actions_cell, tool.get(), shown(env, kOneCall));
-  co_yield cell_of(env, host::mcp_text(env, tool.get()).get());
+  co_yield call_on_field(env, Id::cell, tool.get(), Id::mcp_text);
 }
 
 Ref skill_tools_block_body(const Env& env, PyObject* const*) {
@@ -83,8 +76,10 @@ Ref skill_tools_block_body(const Env& env, PyObject* const*) {
                          rows_of(env, std::move(tools), skill_row));
 }
 
+// `_actions_cell(tool, _NONE)`.
 Ref actions_with_none(const Env& env, PyObject* tool) {
-  return call_global(env, Id::actions_cell, tool, lookup(env, Id::NONE).get());
+  Ref actions_cell = lookup(env, Id::actions_cell);
+  return call_found(actions_cell.get(), {tool, lookup(env, Id::NONE).get()});
 }
 
 // `"**" + tool.tier.capitalize() + "**"`: concatenated with `+`, not formatted.
@@ -96,9 +91,9 @@ Ref bold_tier(const Env& env, PyObject* tool) {
 
 Cells readme_row(Env env, Ref tool) {
   co_yield bold_tier(env, tool.get());
-  co_yield code_of(env, host::name(env, tool.get()).get());
+  co_yield call_on_field(env, Id::code, tool.get(), Id::name);
   co_yield actions_with_none(env, tool.get());
-  co_yield cell_of(env, host::summary(env, tool.get()).get());
+  co_yield call_on_field(env, Id::cell, tool.get(), Id::summary);
 }
 
 Ref readme_tools_block_body(const Env& env, PyObject* const*) {
@@ -135,10 +130,10 @@ Ref tier_line(const Env& env, PyObject* tier) {
 
 Cells overview_row(Env env, Py_ssize_t number, Ref tool) {
   co_yield str_of(own(PyLong_FromSsize_t(number)).get());
-  co_yield code_of(env, host::name(env, tool.get()).get());
+  co_yield call_on_field(env, Id::code, tool.get(), Id::name);
   co_yield actions_with_none(env, tool.get());
   co_yield capitalized(env, host::tier(env, tool.get()).get());
-  co_yield cell_of(env, host::summary(env, tool.get()).get());
+  co_yield call_on_field(env, Id::cell, tool.get(), Id::summary);
 }
 
 // `(row(number, tool) for number, tool in enumerate(tools, 1))`.
@@ -160,9 +155,15 @@ Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
   return out.finish();
 }
 
+// `_code(cli_usage(tool))`.
+Ref usage_cell(const Env& env, PyObject* tool) {
+  Ref code = lookup(env, Id::code);
+  return call_found(code.get(), {call_global(env, Id::cli_usage, {tool}).get()});
+}
+
 Cells cli_row(Env env, Ref tool) {
-  co_yield code_of(env, host::name(env, tool.get()).get());
-  co_yield code_of(env, call_global(env, Id::cli_usage, tool.get()).get());
+  co_yield call_on_field(env, Id::code, tool.get(), Id::name);
+  co_yield usage_cell(env, tool.get());
 }
 
 Ref mcp_cli_block_body(const Env& env, PyObject* const*) {
@@ -176,7 +177,7 @@ Ref default_cell_body(const Env& env, PyObject* const* args) {
   PyObject* param = args[0];
   Ref shown = host::default_value(env, param).get() == Py_None
                   ? lookup(env, Id::NONE)
-                  : call_global(env, Id::value, {host::default_value(env, param).get()});
+                  : call_on_field(env, Id::value, param, Id::default_);
   // `", ".join(f"{action}: {_value(value)}" for action, value in param.action_defaults)`
   Ref pieces = collect(host::action_defaults(env, param).get(), [&](PyObject* pair) {
     auto [action, value] = unpack_pair(pair);
@@ -249,19 +250,28 @@ Ref description_cell_body(const Env& env, PyObject* const* args) {
   PyObject* param = args[0];
   PyObject* prop = args[1];
   Ref description = with_full_stop(env, strip_text(env, description_text(env, prop).get()));
-  Ref values = host::values_text(env, param, lookup(env, Id::code).get());
+  Ref values = host::values_text(env, param, Id::code);
   Ref bound = bound_sentence(env, prop);
+  // `_cell(" ".join(piece for piece in (description, values, bound) if piece))`
+  Ref cell = lookup(env, Id::cell);
   Ref pieces = own(PyList_New(0));
   for (PyObject* piece : {description.get(), values.get(), bound.get()}) {
     if (truth(piece)) check(PyList_Append(pieces.get(), piece));
   }
-  return cell_of(env, join(env.name(Id::space), pieces.get()).get());
+  return call_found(cell.get(), {join(env.name(Id::space), pieces.get()).get()});
 }
 
-// `f"--{snake_to_kebab(param.name)}"`.
-Ref option_of(const Env& env, PyObject* param) {
-  Ref option = host::kebab(env, host::name(env, param).get());
-  return TextWriter().lit("--").format(option.get()).finish();
+// `_code(f"--{snake_to_kebab(param.name)}")`.
+Ref option_cell(const Env& env, PyObject* param) {
+  Ref code = lookup(env, Id::code);
+  Ref option = host::kebab_name(env, param);
+  return call_found(code.get(), {TextWriter().lit("--").format(option.get()).finish().get()});
+}
+
+// `_cell(_default_cell(param))`.
+Ref default_cell(const Env& env, PyObject* param) {
+  Ref cell = lookup(env, Id::cell);
+  return call_found(cell.get(), {call_global(env, Id::default_cell, {param}).get()});
 }
 
 // `"Yes" if param.name in required else "No"`.
@@ -277,11 +287,11 @@ Ref served_actions(const Env& env, PyObject* param) {
 }
 
 Cells param_row(Env env, Ref param, Ref prop, Ref required, bool has_actions) {
-  co_yield code_of(env, host::name(env, param.get()).get());
-  co_yield code_of(env, option_of(env, param.get()).get());
+  co_yield call_on_field(env, Id::code, param.get(), Id::name);
+  co_yield option_cell(env, param.get());
   co_yield call_global(env, Id::type_cell, prop.get());
   co_yield required_cell(env, param.get(), required.get());
-  co_yield cell_of(env, call_global(env, Id::default_cell, param.get()).get());
+  co_yield default_cell(env, param.get());
   if (has_actions) co_yield served_actions(env, param.get());
   co_yield call_global(env, Id::description_cell, param.get(), prop.get());
 }
@@ -309,7 +319,7 @@ void check_same_params(const Env& env, PyObject* tool, PyObject* properties) {
 
 Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
   PyObject* tool = args[0];
-  Ref schema = host::cli_schema(env, host::name(env, tool).get());
+  Ref schema = host::cli_schema(env, tool);
   Ref properties = subscript(schema.get(), env.name(Id::properties));
   check_same_params(env, tool, properties.get());
   Ref required = own(PySet_New(subscript(schema.get(), env.name(Id::required)).get()));

@@ -50,4 +50,11 @@ Ref call_global(const Env& env, Id id, Args*... args) {
 // The same for an object already looked up.
 Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args);
 
+// `fn(record.field)`: the name is looked up before the field is read, as Python evaluates a call.
+inline Ref call_on_field(const Env& env, Id fn, PyObject* record, Id field) {
+  Ref callee = lookup(env, fn);
+  Ref value = env.attr(record, field);
+  return call_found(callee.get(), {value.get()});
+}
+
 }  // namespace registry_docs

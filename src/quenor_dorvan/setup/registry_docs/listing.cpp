@@ -8,11 +8,16 @@ namespace registry_docs {
 
 namespace {
 
-// `tiers.index(tier)`: the position of a tier name, with tuple.index's own error.
-Ref tier_position(const Env& env, PyObject* tiers, PyObject* tier) {
-  if (!PyTuple_CheckExact(tiers)) return env.method(tiers, Id::index, {tier});
+// `_TIERS.index(tool.tier)`: the position of the tool's tier, with tuple.index's own error. The
+// method is read before the tier, as the call evaluates them.
+Ref tier_position(const Env& env, PyObject* tiers, PyObject* tool) {
+  if (!PyTuple_CheckExact(tiers)) {
+    Ref index = env.attr(tiers, Id::index);
+    return call(index.get(), {host::tier(env, tool).get()});
+  }
+  Ref tier = host::tier(env, tool);
   for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(tiers); ++i) {
-    if (check(PyObject_RichCompareBool(PyTuple_GET_ITEM(tiers, i), tier, Py_EQ))) {
+    if (check(PyObject_RichCompareBool(PyTuple_GET_ITEM(tiers, i), tier.get(), Py_EQ))) {
       return own(PyLong_FromSsize_t(i));
     }
   }
@@ -67,7 +72,7 @@ Ref ordered_tools_body(const Env& env, PyObject* const*) {
   for (Py_ssize_t i = 0; i < PyList_GET_SIZE(tools.get()); ++i) {
     Ref tool = Ref::borrow(PyList_GET_ITEM(tools.get(), i));
     Ref tiers = host::tiers(env);
-    Ref key = tier_position(env, tiers.get(), host::tier(env, tool.get()).get());
+    Ref key = tier_position(env, tiers.get(), tool.get());
     if (numbers.size() == keys.size() && PyLong_CheckExact(key.get())) {
       int overflow = 0;
       long long number = PyLong_AsLongLongAndOverflow(key.get(), &overflow);
@@ -122,11 +127,11 @@ Ref cli_usage_body(const Env& env, PyObject* const* args) {
   PyObject* tool = args[0];
   Ref words = own(PyList_New(0));
   check(PyList_Append(words.get(), text("quenor-dorvan query").get()));
-  check(PyList_Append(words.get(), host::kebab(env, host::name(env, tool).get()).get()));
+  check(PyList_Append(words.get(), host::kebab_name(env, tool).get()));
   for_each(host::all_params(env, tool).get(), [&](PyObject* param) {
     if (!host::required(env, param)) return;
     TextWriter word;
-    word.lit("--").format(host::kebab(env, host::name(env, param).get()).get());
+    word.lit("--").format(host::kebab_name(env, param).get());
     word.lit(" <").format(host::name(env, param).get()).lit(">");
     check(PyList_Append(words.get(), word.finish().get()));
   });
@@ -137,8 +142,8 @@ Ref cli_usage_body(const Env& env, PyObject* const* args) {
 
 Ref code_spans(const Env& env, PyObject* iterable, Id separator, bool by_name) {
   Ref spans = collect(iterable, [&](PyObject* item) {
-    Ref shown = by_name ? host::name(env, item) : Ref::borrow(item);
-    return call_global(env, Id::code, {shown.get()});
+    if (by_name) return call_on_field(env, Id::code, item, Id::name);
+    return call_global(env, Id::code, {item});
   });
   return join(env.name(separator), spans.get());
 }

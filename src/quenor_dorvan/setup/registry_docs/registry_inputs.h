@@ -62,17 +62,21 @@ inline Ref action_defaults(const Env& env, PyObject* param) {
 inline Ref applies_to(const Env& env, PyObject* param) {
   return env.attr(param, Id::applies_to);
 }
-// `param.values_text(formatter)`.
-inline Ref values_text(const Env& env, PyObject* param, PyObject* formatter) {
-  return env.method(param, Id::values_text, {formatter});
+// `param.values_text(formatter)` with a module function as the formatter, looked up after the
+// method is read, as the call evaluates them.
+inline Ref values_text(const Env& env, PyObject* param, Id formatter) {
+  Ref method = env.attr(param, Id::values_text);
+  return call(method.get(), {lookup(env, formatter).get()});
 }
 
 // Host operations, called through the names the module imported them under.
-inline Ref cli_schema(const Env& env, PyObject* tool_name) {
-  return call_global(env, Id::get_cli_schema, {tool_name});
+// `get_cli_schema(tool.name)`.
+inline Ref cli_schema(const Env& env, PyObject* tool) {
+  return call_on_field(env, Id::get_cli_schema, tool, Id::name);
 }
-inline Ref kebab(const Env& env, PyObject* name) {
-  return call_global(env, Id::snake_to_kebab, {name});
+// `snake_to_kebab(record.name)`, for a tool or a parameter.
+inline Ref kebab_name(const Env& env, PyObject* record) {
+  return call_on_field(env, Id::snake_to_kebab, record, Id::name);
 }
 inline Ref rules_table(const Env& env) {
   return call_global(env, Id::rules_table, {});
