@@ -226,3 +226,65 @@ def render_file(text, generated):
         return match["open"] + generated.encode(renderers[match["name"]]()) + "\n" + match["close"]
 
     return _MARKER.sub(render, text)
+
+
+def _params_renderer(tool):
+    def render():
+        return mcp_params_block(tool)
+
+    return render
+
+
+def generated_files():
+    return (
+        GeneratedFile("src/quenor_dorvan/setup/skill_text.py",
+                      (("skill-routes", skill_routes_block), ("skill-tools", skill_tools_block)),
+                      _skill_text),
+        GeneratedFile("src/quenor_dorvan/setup/config.py", (("rules-routes", rules_table),),
+                      _literal_text),
+        GeneratedFile("docs/claude-instructions-template.md", (("rules-block", rules_block),)),
+        GeneratedFile("README.md", (("readme-tools", readme_tools_block),)),
+        GeneratedFile("docs/mcp-tools.md", (
+            ("mcp-intro", mcp_intro_block), ("mcp-overview", mcp_overview_block),
+            ("mcp-cli", mcp_cli_block),
+            *((f"params:{tool.name}", _params_renderer(tool)) for tool in ordered_tools()))),
+    )
+
+
+def _read(root, generated):
+    return (root / generated.path).read_text(encoding="utf-8")
+
+
+def stale_blocks(root):
+    problems = []
+    for generated in generated_files():
+        text = _read(root, generated)
+        try:
+            rendered = render_file(text, generated)
+        except ValueError as error:
+            problems.append(str(error))
+            continue
+        if rendered == text:
+            continue
+        old, new = _blocks(text), _blocks(rendered)
+        stale = [name for name, body in old.items() if new.get(name) != body]
+        problems.append(f"{generated.path}: blocks out of date: {', '.join(stale)}")
+    return problems
+
+
+def write_blocks(root):
+    catalogue = generated_files()
+    rendered = {g.path: render_file(_read(root, g), g) for g in catalogue}
+    changes, scheduled = [], {}
+    for g in catalogue:
+        current = _read(root, g)
+        path = g.path
+        text = rendered[path]
+        if path in scheduled:  # the file as the earlier write leaves it
+            current = scheduled[path]
+        if current != text:
+            scheduled[path] = text
+            changes.append((path, text.encode("utf-8")))
+    for path, data in changes:  # nothing is written before every file is rendered and encoded
+        (root / path).write_bytes(data)
+    return [path for path, _ in changes]
