@@ -8,6 +8,7 @@ walked, drops fields, renders again, or raises. Both sides must end with the sam
 """
 
 import collections
+import gc
 import re
 import shutil
 import tempfile
@@ -213,6 +214,17 @@ ACTIONS = {
     "drops fields": drop_fields,
     "renders again": again,
     "raises": lambda side: side.fail(),
+    # Functions whose arguments run callbacks: a call looks its function up before it works out
+    # the arguments, so a change made meanwhile shows from the next call on.
+    "rebinds _code": rebind("_code", lambda value: f"<{value}>"),
+    "rebinds _cell": rebind("_cell", str.upper),
+    "rebinds _value": rebind("_value", lambda value: f"<{value}>"),
+    "rebinds snake_to_kebab": rebind("snake_to_kebab", str.upper),
+    "deletes _code": delete("_code"),
+    "deletes _cell": delete("_cell"),
+    "deletes _value": delete("_value"),
+    "deletes snake_to_kebab": delete("snake_to_kebab"),
+    "deletes get_cli_schema": delete("get_cli_schema"),
 }
 CALLS = {
     "skill_tools_block": lambda side: side.ns["skill_tools_block"](),
@@ -440,6 +452,44 @@ class ReentrancyTest(unittest.TestCase):
         for name in ("skill_tools_block", "mcp_overview_block", "mcp_cli_block",
                      "mcp_params_block"):
             sides.same(f"{name}", world, later(name))
+        self.assertEqual(+sides.mismatches, {}, "cases whose outcome or reads differ")
+
+    def test_replacement_function_kept_by_marker(self):
+        # A rebound `_MARKER` whose `sub` keeps the function it is given, and calls it again once
+        # the call returned and the caller dropped its record: Python runs the closure again,
+        # with what it holds, and renders as during the call.
+        pattern = re.compile(docs._MARKER.pattern, docs._MARKER.flags)
+
+        class Keeping:
+            def __init__(self):
+                self.kept = []
+
+            def finditer(self, text):
+                return pattern.finditer(text)
+
+            def sub(self, function, text):
+                self.kept.append(function)
+                return pattern.sub(function, text)
+
+        def world(side):
+            names = stand_ins(side)
+            names["_MARKER"] = side.marker = Keeping()
+            return names
+
+        def later(name, text):
+            def call(side):
+                result, marked = CALLS[name](side), text(side)
+                side.record = None
+                gc.collect()
+                return result, [function(match) for function in side.marker.kept
+                                for match in pattern.finditer(marked)]
+
+            return call
+
+        sides = Sides(self)
+        sides.same("render_file", world, later("render_file", lambda side: FILE_TEXT))
+        sides.same("rules_block", world, later(
+            "rules_block", lambda side: side.ns["QUENOR_INSTRUCTION_CONTENT"]))
         self.assertEqual(+sides.mismatches, {}, "cases whose outcome or reads differ")
 
     def test_values_of_other_kinds(self):
