@@ -1,6 +1,8 @@
 // The block-marker scanner on its own: worked cases, a comparison with a direct re-enactment of the
-// pattern's backtracking search, and its running time on texts that make that search quadratic.
+// pattern's backtracking search (markers_reference.h), and its running time on texts that make that
+// search quadratic.
 #include "markers.h"
+#include "markers_reference.h"
 
 #include <gtest/gtest.h>
 
@@ -15,10 +17,6 @@ namespace {
 
 bool ascii_word(std::uint32_t c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-}
-
-bool name_char(char c) {
-  return ascii_word(static_cast<unsigned char>(c)) || c == ':' || c == '-';
 }
 
 using Found = std::vector<std::pair<std::string, std::string>>;  // name, body
@@ -45,35 +43,11 @@ Found scan(const std::string& text) {
   return describe(text, blocks);
 }
 
-// The pattern's search as the regex engine runs it: at each position try every name length,
-// longest first, then every body length, shortest first.
+// The pattern's search as the regex engine runs it, with its backtracking.
 Found reference(const std::string& text) {
-  const std::string open = "<!-- registry:";
-  Found found;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    bool matched = false;
-    if (text.compare(pos, open.size(), open) == 0) {
-      size_t start = pos + open.size();
-      size_t run = start;
-      while (run < text.size() && name_char(text[run])) ++run;
-      for (size_t end = run; end > start && !matched; --end) {
-        if (text.compare(end, 5, " -->\n") != 0) continue;
-        std::string name = text.substr(start, end - start);
-        std::string close = "<!-- /registry:" + name + " -->";
-        for (size_t body = end + 5; body + close.size() <= text.size(); ++body) {
-          if (text.compare(body, close.size(), close) == 0) {
-            found.emplace_back(name, text.substr(end + 5, body - end - 5));
-            pos = body + close.size();
-            matched = true;
-            break;
-          }
-        }
-      }
-    }
-    if (!matched) ++pos;
-  }
-  return found;
+  return describe(text,
+                  reference::scan_markers(reinterpret_cast<const std::uint8_t*>(text.data()),
+                                          static_cast<std::ptrdiff_t>(text.size()), ascii_word));
 }
 
 TEST(MarkerScanner, WorkedCases) {

@@ -287,6 +287,6 @@ def write_blocks(root):
         if current != text:
             scheduled[path] = text
             changes.append((path, text.encode("utf-8")))
-    for path, data in changes:
+    for path, data in changes:  # nothing is written before every file is rendered and encoded
         (root / path).write_bytes(data)
     return [path for path, _ in changes]

@@ -2,6 +2,7 @@
 
 import collections
 import random
+import sys
 import types
 import unittest
 
@@ -160,6 +161,27 @@ def record(rng, found):
         [str, docs._skill_text, docs._literal_text]))
 
 
+def texts(value):
+    """Every str in a result, inside lists, tuples and dicts (keys too)."""
+    if type(value) is str:
+        yield value
+    elif isinstance(value, (list, tuple)):
+        for item in value:
+            yield from texts(item)
+    elif isinstance(value, dict):
+        for key, item in value.items():
+            yield from texts(key)
+            yield from texts(item)
+
+
+def malformed(text):
+    """Whether a str breaks CPython's invariants: its ASCII flag or its storage width is not the
+    one its characters call for. Such a str still compares equal to the right one."""
+    rebuilt = text.encode("utf-32-le", "surrogatepass").decode("utf-32-le", "surrogatepass")
+    ascii_only = max(map(ord, text), default=0) < 128
+    return text.isascii() != ascii_only or sys.getsizeof(text) != sys.getsizeof(rebuilt)
+
+
 def outcome(function, *args):
     try:
         return ("ok", function(*args))
@@ -174,12 +196,17 @@ class DifferentialTest(unittest.TestCase):
         model = support.python_model()
         own = {key: model[key] for key in ("_table", "_row")}  # the model's, between stand-ins
         rng, kinds, mismatches = random.Random(SEED), collections.Counter(), collections.Counter()
+        bad_texts = {}  # the module's malformed strs, by function: how many, and the first
 
         def same(case, label, function, *args, convert=lambda result: result):
             results = []
             for side in (docs.__dict__, model):
                 LOG.clear()
                 result = outcome(side[function], *args)
+                if side is docs.__dict__:  # results and error messages alike
+                    for text in filter(malformed, texts(result[1:])):
+                        count, first = bad_texts.get(function, (0, text))
+                        bad_texts[function] = (count + 1, first)
                 results.append((convert(result) if result[0] == "ok" else result, LOG[:]))
             kind = label.split()[0]
             kinds[kind, results[0][0][0]] += 1
@@ -223,6 +250,7 @@ class DifferentialTest(unittest.TestCase):
             self.assertGreater(kinds[label, "ok"], kinds[label, "error"], label)
             self.assertGreater(kinds[label, "error"], kinds[label, "ok"] // 100, label)
         self.assertEqual(+mismatches, {}, "calls whose outcome or reads differ, by function")
+        self.assertEqual(bad_texts, {}, "strs with a wrong ASCII flag or storage width")
 
     def test_checks_and_writes_match_the_model(self):
         """stale_blocks and write_blocks, results and files: the example host, clones of its tools,

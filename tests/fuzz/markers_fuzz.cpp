@@ -1,0 +1,74 @@
+// libFuzzer target: the block-marker scanner against the naive reference scanner. Each input is
+// scanned as code units of the three widths a str stores: its bytes as they are, then widened to
+// 2 and 4 bytes with every byte from 0x80 up standing for a code unit above Latin-1 (above the BMP)
+// whose low bits spell ASCII again, so that a scanner that drops high bits finds markers there.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include "markers.h"
+#include "markers_reference.h"
+
+namespace {
+
+using registry_docs::MarkedBlock;
+
+// `\w` for the test: ASCII letters, digits and '_', and every third code unit above ASCII, as `\w`
+// takes in letters of other scripts.
+bool is_word(std::uint32_t c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' ||
+         (c >= 0x80 && c % 3 == 0);
+}
+
+bool same(const MarkedBlock& a, const MarkedBlock& b) {
+  return a.open_start == b.open_start && a.name_start == b.name_start && a.name_end == b.name_end &&
+         a.body_start == b.body_start && a.close_start == b.close_start &&
+         a.close_end == b.close_end;
+}
+
+void show(const char* what, const std::vector<MarkedBlock>& blocks) {
+  std::fprintf(stderr, "%s:", what);
+  for (const MarkedBlock& b : blocks) {
+    std::fprintf(stderr, " [%td %td-%td %td %td %td]", b.open_start, b.name_start, b.name_end,
+                 b.body_start, b.close_start, b.close_end);
+  }
+  std::fprintf(stderr, "\n");
+}
+
+template <typename Char>
+void check(const Char* text, std::size_t size) {
+  const auto length = static_cast<std::ptrdiff_t>(size);
+  std::vector<MarkedBlock> found;
+  registry_docs::scan_markers(text, length, is_word, found);
+  std::vector<MarkedBlock> expected = registry_docs::reference::scan_markers(text, length, is_word);
+  bool agree = found.size() == expected.size();
+  for (std::size_t i = 0; agree && i < found.size(); ++i) agree = same(found[i], expected[i]);
+  if (agree) return;
+  std::fprintf(stderr, "the scanner and the reference differ on %zu-byte code units\n",
+               sizeof(Char));
+  show("scanner", found);
+  show("reference", expected);
+  std::abort();
+}
+
+template <typename Char>
+std::vector<Char> widened(const std::uint8_t* data, std::size_t size, std::uint32_t high) {
+  std::vector<Char> text(size);
+  for (std::size_t i = 0; i < size; ++i) {
+    text[i] = static_cast<Char>(data[i] < 0x80 ? data[i] : high + (data[i] & 0x7Fu));
+  }
+  return text;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  check(data, size);
+  std::vector<std::uint16_t> two = widened<std::uint16_t>(data, size, 0x100);
+  check(two.data(), size);
+  std::vector<std::uint32_t> four = widened<std::uint32_t>(data, size, 0x10000);
+  check(four.data(), size);
+  return 0;
+}
