@@ -20,7 +20,7 @@ struct FunctionDef {
   const char* qualname = nullptr;  // null: the name
 };
 
-// The spec of the function type, made once per module into its state.
+// How the function type is made (once per module, into its state).
 extern PyType_Spec function_type_spec;
 
 // Creates one function object of the module.
