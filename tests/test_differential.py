@@ -53,7 +53,7 @@ def name(rng):
 
 def marked_text(rng):
     parts = []
-    for _ in range(rng.randint(0, 6)):
+    for _ in range(rng.randint(0, 10)):
         marker, kind = rng.choice(MARKER_NAMES), rng.random()
         if kind < 0.4:
             body = rng.choice(["", "old\n", "<!-- registry:a -->\n"])
@@ -62,7 +62,8 @@ def marked_text(rng):
             parts.append(rng.choice([f"<!-- registry:{marker} -->" + rng.choice(["\n", "\r\n", ""]),
                                      f"<!-- /registry:{marker} -->"]))
         else:
-            parts.append(rng.choice(["\n", " x ", "\\1", "{y}", "\ud800", "<!-- "]))
+            parts.append(rng.choice(["\n", "\r\n", " x ", "\\1", "{y}", "\ud800", "<!-- ", "-->", " -->\n",
+                                     "<!-- registry:", "<!-- /registry:", "a b", "\U0001f600"]))
     return "".join(parts)
 
 
@@ -235,7 +236,7 @@ class DifferentialTest(unittest.TestCase):
                         same(case, f"_default_cell {p.name!r}", "_default_cell", p)
                         same(case, f"_type_cell {prop!r}", "_type_cell", prop)
                         same(case, f"_description_cell {p.name!r}", "_description_cell", p, prop)
-                for _ in range(2):
+                for _ in range(4):
                     marked, block = marked_text(rng), rng.choice(RENDERED) + text(rng, 2)
                     found = [match["name"] for match in docs._MARKER.finditer(marked)]
                     same(case, f"block_names {marked!r}", "block_names", marked)
