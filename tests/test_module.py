@@ -22,6 +22,7 @@ import quenor_dorvan.tool_routes as routes
 import quenor_dorvan.tool_schemas as schemas
 import quenor_dorvan.workers.api_endpoints as endpoints
 from support import DELETE, docs, rebound, tool
+from test_stub import stub
 
 # Taken before any test rebinds a name (restoring a deleted name moves it to the end).
 KEYS_AT_IMPORT = list(docs.__dict__)
@@ -33,41 +34,9 @@ HOST_NAMES = {
     "ENDPOINT_FRAMEWORKS": endpoints,
 }
 
-# Every function in definition order, with its parameters' and its return annotation texts.
-SIGNATURES = {
-    "ordered_tools": ({}, "list[ToolSpec]"),
-    "_tier_tools": ({"tier": "ToolTier"}, "list[ToolSpec]"),
-    "_code": ({"text": "str"}, "str"),
-    "_cell": ({"text": "str"}, "str"),
-    "_row": ({"cells": "Iterable[str]"}, "str"),
-    "_table": ({"header": "tuple[str, ...]", "rows": "Iterable[Iterable[str]]"}, "list[str]"),
-    "_value": ({"value": "Any"}, "str"),
-    "_actions_cell": ({"tool": "ToolSpec", "placeholder": "str"}, "str"),
-    "_tier_counts": ({}, "str"),
-    "cli_usage": ({"tool": "ToolSpec"}, "str"),
-    "skill_tools_block": ({}, "str"),
-    "readme_tools_block": ({}, "str"),
-    "mcp_intro_block": ({}, "str"),
-    "mcp_overview_block": ({}, "str"),
-    "mcp_cli_block": ({}, "str"),
-    "_default_cell": ({"param": "ParamSpec"}, "str"),
-    "_type_cell": ({"prop": "dict[str, Any]"}, "str"),
-    "_description_cell": ({"param": "ParamSpec", "prop": "dict[str, Any]"}, "str"),
-    "mcp_params_block": ({"tool": "ToolSpec"}, "str"),
-    "_skill_text": ({"block": "str"}, "str"),
-    "_literal_text": ({"block": "str"}, "str"),
-    "skill_routes_block": ({}, "str"),
-    "rules_block": ({}, "str"),
-    "_params_renderer": ({"tool": "ToolSpec"}, "Callable[[], str]"),
-    "generated_files": ({}, "tuple[GeneratedFile, ...]"),
-    "block_names": ({"text": "str"}, "list[str]"),
-    "render_file": ({"text": "str", "generated": "GeneratedFile"}, "str"),
-    "_read": ({"root": "Path", "generated": "GeneratedFile"}, "str"),
-    "stale_blocks": ({"root": "Path"}, "list[str]"),
-    "_blocks": ({"text": "str"}, "dict[str, str]"),
-    "write_blocks": ({"root": "Path"}, "list[str]"),
-}
-
+# Every function in definition order, with its parameters' and its return annotation texts, as
+# the type stub states them (test_stub holds the stub to the module's own annotations).
+SIGNATURES = {name: (dict(texts[:-1]), texts[-1][1]) for name, texts in stub()[0].items()}
 DOCSTRINGS = {
     "ordered_tools": "The tools in the order the docs list them: by tier, then in registry order.",
     "_tier_tools": "The tools of one tier, in registry order.",
@@ -124,6 +93,7 @@ class NamespaceTest(unittest.TestCase):
 
 class FunctionTest(unittest.TestCase):
     def test_metadata(self):
+        self.assertEqual(len(SIGNATURES), 31)
         for name, (params, returns) in SIGNATURES.items():
             with self.subTest(name):
                 function = getattr(docs, name)
