@@ -264,14 +264,10 @@ class LeakTest(unittest.TestCase):
                 ("cli_usage", (), TypeError, None),
                 ("render_file", (TEXT,), TypeError, None),
                 # A global deleted while in use.
-                ("ordered_tools", (), NameError, dict(TOOLS=DELETE)),
                 ("stale_blocks", (root,), NameError, dict(TOOLS=DELETE)),
                 ("mcp_cli_block", (), NameError, dict(_code=DELETE)),
                 ("readme_tools_block", (), NameError, dict(_NONE=DELETE)),
-                ("mcp_params_block", (SEARCH,), NameError, dict(_cell=DELETE)),
-                ("block_names", (TEXT,), NameError, dict(_MARKER=DELETE)),
                 ("rules_block", (), NameError, dict(_MARKER=DELETE)),
-                ("mcp_overview_block", (), NameError, dict(_TIERS=DELETE)),
                 # The module's own value errors, raised and turned into problem lines.
                 ("render_file", (TEXT, docs.GeneratedFile("f.md", (("c", str),))), ValueError,
                  None),
