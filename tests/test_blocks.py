@@ -1,14 +1,9 @@
-"""Block renderers: whole bodies on small registries, and the details the model comparison misses."""
+"""Block renderers: the details that the comparison with the model (test_differential) cannot reach."""
 
 import unittest
 
 from support import DELETE, docs, param, rebound, tool
 
-SEARCH = tool("example_search", "core", actions=("find", "list"), summary="Finds code by text.",
-              mcp_text="Finds code by text. find: the best match; list: every match.",
-              params=(param("path", required=True),))
-STATS = tool("example_stats", "extended", summary="Counts what the index holds.",
-             mcp_text="Counts what the index holds.")
 PATH = {"type": "string", "description": "Directory to search"}
 LIMIT = {"type": "integer", "minimum": 1, "maximum": 100, "default": 20,
          "description": "How many results to return"}
@@ -31,33 +26,7 @@ class Unformattable:
 
 
 class BlocksTest(unittest.TestCase):
-    def test_tool_tables(self):
-        with rebound(TOOLS=[STATS, SEARCH]):
-            self.assertEqual(docs.skill_tools_block(), lines(
-                "## Tool reference (2 tools; MCP name = CLI `quenor-dorvan query <tool>`)", "",
-                "| Tool | Actions | Use for |", "| --- | --- | --- |",
-                "| `example_search` | `find`, `list` | Finds code by text. find: the best match; "
-                "list: every match. |", "| `example_stats` | *(one call)* | Counts what the index holds. |"))
-            self.assertEqual(docs.readme_tools_block(), lines(
-                "2 tools for code intelligence, 1 core and 1 extended. A tool with actions takes an "
-                "`action` parameter that selects one.", "", "| Tier | Tool | Actions | Purpose |",
-                "| --- | --- | --- | --- |",
-                "| **Core** | `example_search` | `find`, `list` | Finds code by text. |",
-                "| **Extended** | `example_stats` | -- | Counts what the index holds. |"))
-            self.assertEqual(docs.mcp_intro_block(), (
-                "Complete reference for the **2 MCP tools** provided by Quenor Dorvan, 1 core and 1 "
-                "extended.\n\nEach tool groups related functionality behind a single endpoint; a tool "
-                "with actions takes an `action` parameter that selects the operation."))
-            self.assertEqual(docs.mcp_overview_block(), lines(
-                "| # | Tool | Actions | Tier | Purpose |", "| --- | --- | --- | --- | --- |",
-                "| 1 | `example_search` | `find`, `list` | Core | Finds code by text. |",
-                "| 2 | `example_stats` | -- | Extended | Counts what the index holds. |", "",
-                "**Tiers:**", "", "- **Core** (1 tools): `example_search`",
-                "- **Extended** (1 tools): `example_stats`"))
-            self.assertEqual(docs.mcp_cli_block().split("\n")[1:], [
-                "", "| Tool | CLI usage |", "| --- | --- |",
-                "| `example_search` | `quenor-dorvan query example-search --path <path>` |",
-                "| `example_stats` | `quenor-dorvan query example-stats` |"])
+    def test_readme_tier_cell_is_concatenated(self):
         # The README's tier cell is "**" + tier.capitalize() + "**": concatenated, not formatted.
         Tier = type("Tier", (str,), {"capitalize": lambda self: self.word})
         odd = tool("odd", Tier("core"), summary="s")
@@ -76,20 +45,9 @@ class BlocksTest(unittest.TestCase):
         self.assertEqual(asked, ["example_search"])
         return text
 
-    def test_params_table(self):
-        params = (param("path", required=True), param("limit", default=20, applies_to=("find", "list"),
-                                                      action_defaults=(("list", 50),)))
+    def test_params_schema_must_name_the_registry_params(self):
+        params = (param("path"), param("limit"))
         properties = {"path": PATH, "limit": LIMIT}
-        self.assertEqual(self.render(("find", "list"), params, properties, ["path"]), lines(
-            "**Actions:** `find` | `list`", "", "#### Parameters", "",
-            "| Parameter | CLI | Type | Required | Default | Actions | Description |",
-            "| --- | --- | --- | --- | --- | --- | --- |",
-            "| `path` | `--path` | string | Yes | -- | all | Directory to search. |",
-            "| `limit` | `--limit` | integer | No | 20 (list: 50) | find, list | How many results "
-            "to return. Range: 1-100. |"))
-        self.assertEqual(self.render((), (param("token_budget"),), {"token_budget": {"type": "x"}}), lines(
-            "#### Parameters", "", "| Parameter | CLI | Type | Required | Default | Description |",
-            "| --- | --- | --- | --- | --- | --- |", "| `token_budget` | `--token-budget` | x | No | -- |  |"))
         for wrong in ({"path": PATH}, {"limit": LIMIT, "path": PATH}, {**properties, "more": {}}):
             with rebound(_cell=DELETE, _code=DELETE, _type_cell=DELETE):  # nothing rendered first
                 self.assertEqual(raised(self, ValueError, lambda: self.render(("find",), params, wrong)), (
