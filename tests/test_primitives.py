@@ -2,7 +2,6 @@
 
 import unittest
 
-import quenor_dorvan.tool_registry as registry
 from support import docs, param, rebound, tool
 
 
@@ -90,8 +89,6 @@ class MarkdownTest(unittest.TestCase):
 
 class ListingTest(unittest.TestCase):
     def test_ordered_tools(self):
-        self.assertEqual([t.name for t in docs.ordered_tools()][6:10],
-                         ["index_status", "project_config", "embeddings_search", "diff_impact"])
         stand_ins = [tool("a", "extended"), tool("b"), tool("c", "extended"), tool("d")]
         for tools in (stand_ins, iter(stand_ins)):
             with rebound(TOOLS=tools):
@@ -106,7 +103,6 @@ class ListingTest(unittest.TestCase):
                              "'<' not supported between instances of 'str' and 'float'")
 
     def test_tier_tools_and_counts(self):
-        self.assertEqual(docs._tier_counts(), "8 core and 6 extended")
         AnyTier = type("AnyTier", (str,), {"__eq__": lambda self, other: True, "__hash__": str.__hash__})
         with rebound(TOOLS=[tool("a"), tool("b", "extended")]):
             self.assertEqual([t.name for t in docs._tier_tools(AnyTier("beta"))], ["a", "b"])
@@ -121,8 +117,6 @@ class ListingTest(unittest.TestCase):
                                         param("token_budget", required=True)))
         self.assertEqual(docs.cli_usage(lookup),
                          "quenor-dorvan query lookup --name <name> --token-budget <token_budget>")
-        self.assertEqual(docs.cli_usage(registry.get_tool("test_map")), "quenor-dorvan query test-map "
-                         "--action <action> --targets <targets> --direct-only <direct_only>")
         # Options are formatted into their words; the command is joined as it is.
         with rebound(snake_to_kebab=lambda name: name if name == "lookup" else Spelled()):
             self.assertEqual(docs.cli_usage(lookup),
