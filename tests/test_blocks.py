@@ -70,6 +70,19 @@ class BlocksTest(unittest.TestCase):
                 "**Actions:** `find`", "", "#### Parameters", "", "T"))
         self.assertEqual(events, ["path", "--path", "find", ("table", PARAMS_HEADER, [cells])])
 
+    def test_row_is_taken_before_row_function_is_looked_up(self):
+        # Taking the next tool may rebind `_row`; that row already goes through the new one.
+        first, second = tool("a_b", summary="x"), tool("c", summary="y")
+
+        def tools():
+            yield first
+            docs._row = lambda cells: "new " + "/".join(cells)
+            yield second
+
+        with rebound(TOOLS=[first, second], ordered_tools=tools, _row=docs._row):
+            self.assertEqual(docs.mcp_cli_block().split("\n")[-2:], [
+                "| `a_b` | `quenor-dorvan query a-b` |", "new `c`/`quenor-dorvan query c`"])
+
     def test_cells_format_each_field_as_computed(self):
         # An f-string formats each field before it evaluates the next one.
         Tier = type("Tier", (str,), {"capitalize": lambda self: Unformattable()})
