@@ -22,6 +22,7 @@ import quenor_dorvan.tool_routes as routes
 import quenor_dorvan.tool_schemas as schemas
 import quenor_dorvan.workers.api_endpoints as endpoints
 from support import DELETE, docs, rebound, tool
+from test_stub import stub
 
 # Taken before any test rebinds a name (restoring a deleted name moves it to the end).
 KEYS_AT_IMPORT = list(docs.__dict__)
@@ -33,41 +34,9 @@ HOST_NAMES = {
     "ENDPOINT_FRAMEWORKS": endpoints,
 }
 
-# Every function in definition order, with its parameters' and its return annotation texts.
-SIGNATURES = {
-    "ordered_tools": ({}, "list[ToolSpec]"),
-    "_tier_tools": ({"tier": "ToolTier"}, "list[ToolSpec]"),
-    "_code": ({"text": "str"}, "str"),
-    "_cell": ({"text": "str"}, "str"),
-    "_row": ({"cells": "Iterable[str]"}, "str"),
-    "_table": ({"header": "tuple[str, ...]", "rows": "Iterable[Iterable[str]]"}, "list[str]"),
-    "_value": ({"value": "Any"}, "str"),
-    "_actions_cell": ({"tool": "ToolSpec", "placeholder": "str"}, "str"),
-    "_tier_counts": ({}, "str"),
-    "cli_usage": ({"tool": "ToolSpec"}, "str"),
-    "skill_tools_block": ({}, "str"),
-    "readme_tools_block": ({}, "str"),
-    "mcp_intro_block": ({}, "str"),
-    "mcp_overview_block": ({}, "str"),
-    "mcp_cli_block": ({}, "str"),
-    "_default_cell": ({"param": "ParamSpec"}, "str"),
-    "_type_cell": ({"prop": "dict[str, Any]"}, "str"),
-    "_description_cell": ({"param": "ParamSpec", "prop": "dict[str, Any]"}, "str"),
-    "mcp_params_block": ({"tool": "ToolSpec"}, "str"),
-    "_skill_text": ({"block": "str"}, "str"),
-    "_literal_text": ({"block": "str"}, "str"),
-    "skill_routes_block": ({}, "str"),
-    "rules_block": ({}, "str"),
-    "_params_renderer": ({"tool": "ToolSpec"}, "Callable[[], str]"),
-    "generated_files": ({}, "tuple[GeneratedFile, ...]"),
-    "block_names": ({"text": "str"}, "list[str]"),
-    "render_file": ({"text": "str", "generated": "GeneratedFile"}, "str"),
-    "_read": ({"root": "Path", "generated": "GeneratedFile"}, "str"),
-    "stale_blocks": ({"root": "Path"}, "list[str]"),
-    "_blocks": ({"text": "str"}, "dict[str, str]"),
-    "write_blocks": ({"root": "Path"}, "list[str]"),
-}
-
+# Every function in definition order, with its parameters' and its return annotation texts, as
+# the type stub states them (test_stub holds the stub to the module's own annotations).
+SIGNATURES = {name: (dict(texts[:-1]), texts[-1][1]) for name, texts in stub()[0].items()}
 DOCSTRINGS = {
     "ordered_tools": "The tools in the order the docs list them: by tier, then in registry order.",
     "_tier_tools": "The tools of one tier, in registry order.",
@@ -124,6 +93,7 @@ class NamespaceTest(unittest.TestCase):
 
 class FunctionTest(unittest.TestCase):
     def test_metadata(self):
+        self.assertEqual(len(SIGNATURES), 31)
         for name, (params, returns) in SIGNATURES.items():
             with self.subTest(name):
                 function = getattr(docs, name)
@@ -155,69 +125,51 @@ class FunctionTest(unittest.TestCase):
         self.assertIs(copy.deepcopy([docs._cell])[0], docs._cell)
         self.assertIs(pickle.loads(pickle.dumps(docs.ordered_tools)), docs.ordered_tools)
 
-    def test_argument_errors(self):
-        def error(call):
-            with self.assertRaises(TypeError) as caught:
-                call()
-            return str(caught.exception)
+    def test_argument_errors_and_names_resolved_at_each_call(self):
+        def outcome(call):
+            try:
+                return call()
+            except TypeError as error:
+                return str(error)
+            except NameError as error:
+                return str(error), error.name
 
-        self.assertEqual(error(lambda: docs.cli_usage()),
-                         "cli_usage() missing 1 required positional argument: 'tool'")
-        self.assertEqual(error(lambda: docs.cli_usage(1, 2)),
-                         "cli_usage() takes 1 positional argument but 2 were given")
-        self.assertEqual(error(lambda: docs.ordered_tools(1)),
-                         "ordered_tools() takes 0 positional arguments but 1 was given")
-        self.assertEqual(error(lambda: docs.cli_usage(x=1)),
-                         "cli_usage() got an unexpected keyword argument 'x'")
-        self.assertEqual(error(lambda: docs.cli_usage(1, 2, x=3)),
-                         "cli_usage() got an unexpected keyword argument 'x'")
-        self.assertEqual(error(lambda: docs.cli_usage(1, tool=2)),
-                         "cli_usage() got multiple values for argument 'tool'")
-        self.assertEqual(error(lambda: docs._actions_cell(placeholder="--")),
-                         "_actions_cell() missing 1 required positional argument: 'tool'")
         suggestion = ". Did you mean 'tool'?" if sys.version_info >= (3, 13) else ""
-        self.assertEqual(error(lambda: docs.cli_usage(tol=1)),
-                         "cli_usage() got an unexpected keyword argument 'tol'" + suggestion)
-        with_actions = tool("t", actions=("a",))
-        self.assertEqual(docs._actions_cell(placeholder="--", tool=with_actions), "`a`")
-        self.assertEqual(
-            error(lambda: docs.render_file()),
-            "render_file() missing 2 required positional arguments: 'text' and 'generated'")
-        with rebound(generated_files=lambda: ()):
-            self.assertEqual(docs.stale_blocks(root=Path("nowhere")), [])
-
-    def test_names_resolved_at_each_call(self):
-        def missing(call):
-            with self.assertRaises(NameError) as caught:
-                call()
-            return str(caught.exception), caught.exception.name
-
-        with rebound(TOOLS=DELETE):
-            self.assertEqual(missing(docs.ordered_tools), ("name 'TOOLS' is not defined", "TOOLS"))
-        with rebound(_code=DELETE):
-            self.assertEqual(missing(lambda: docs._actions_cell(tool("t", actions=("a",)), "--")),
-                             ("name '_code' is not defined", "_code"))
-        with_actions = tool("t", actions=("by_name", "by_path"))
-        with rebound(TOOLS=[tool("a")]):
-            self.assertEqual(docs._tier_counts(), "1 core and 0 extended")
-        with rebound(_code=lambda text: f"<{text}>"):
-            self.assertEqual(docs._actions_cell(with_actions, "--"), "<by_name>, <by_path>")
-        with rebound(_tier_tools=lambda tier: [tier] * len(tier), _TIERS=("ab", "c")):
-            self.assertEqual(docs._tier_counts(), "2 ab and 1 c")
-        with rebound(snake_to_kebab=str.upper):
-            self.assertEqual(docs.cli_usage(tool("a_b")), "quenor-dorvan query A_B")
-        with rebound(_row=lambda cells: "row"):
-            self.assertEqual(docs._table(("A",), [["x"]]), ["row", "row", "row"])
-        # A name holding another of the module's own functions runs that one.
-        with rebound(_code=docs._value):
-            self.assertEqual(docs._actions_cell(with_actions, "--"), "by_name, by_path")
-        with rebound(_row=docs._code):
-            self.assertEqual(docs._table(("A",), [["x"]]), ["`('A',)`", "`['---']`", "`['x']`"])
-        value = docs._value
-        with rebound(_value=docs._code):
-            self.assertEqual(value([1, (2,)]), "`1`, `(2,)`")
-        with rebound(_tier_tools=docs._code):
-            self.assertEqual(docs._tier_counts(), "6 core and 10 extended")
+        with_actions, value = tool("t", actions=("by_name", "by_path")), docs._value
+        for names, call, expected in [
+                ({}, lambda: docs.cli_usage(), "cli_usage() missing 1 required positional argument: 'tool'"),
+                ({}, lambda: docs.cli_usage(1, 2), "cli_usage() takes 1 positional argument but 2 were given"),
+                ({}, lambda: docs.ordered_tools(1), "ordered_tools() takes 0 positional arguments but 1 was given"),
+                ({}, lambda: docs.cli_usage(1, 2, x=3), "cli_usage() got an unexpected keyword argument 'x'"),
+                ({}, lambda: docs.cli_usage(tol=1),
+                 "cli_usage() got an unexpected keyword argument 'tol'" + suggestion),
+                ({}, lambda: docs.cli_usage(1, tool=2), "cli_usage() got multiple values for argument 'tool'"),
+                ({}, lambda: docs.cli_usage(**{1: 2}), "keywords must be strings"),
+                ({}, lambda: docs._actions_cell(placeholder="--"),
+                 "_actions_cell() missing 1 required positional argument: 'tool'"),
+                ({}, lambda: docs.render_file(),
+                 "render_file() missing 2 required positional arguments: 'text' and 'generated'"),
+                ({}, lambda: docs._actions_cell(placeholder="--", tool=with_actions), "`by_name`, `by_path`"),
+                (dict(generated_files=lambda: ()), lambda: docs.stale_blocks(root=Path("nowhere")), []),
+                (dict(TOOLS=DELETE), docs.ordered_tools, ("name 'TOOLS' is not defined", "TOOLS")),
+                (dict(_code=DELETE), lambda: docs._actions_cell(with_actions, "--"),
+                 ("name '_code' is not defined", "_code")),
+                (dict(TOOLS=[tool("a")]), docs._tier_counts, "1 core and 0 extended"),
+                (dict(_code=lambda text: f"<{text}>"), lambda: docs._actions_cell(with_actions, "--"),
+                 "<by_name>, <by_path>"),
+                (dict(_tier_tools=lambda tier: [tier] * len(tier), _TIERS=("ab", "c")), docs._tier_counts,
+                 "2 ab and 1 c"),
+                (dict(snake_to_kebab=str.upper), lambda: docs.cli_usage(tool("a_b")), "quenor-dorvan query A_B"),
+                (dict(_row=lambda cells: "row"), lambda: docs._table(("A",), [["x"]]), ["row"] * 3),
+                # A name holding another of the module's own functions runs that one.
+                (dict(_code=docs._value), lambda: docs._actions_cell(with_actions, "--"), "by_name, by_path"),
+                (dict(_row=docs._code), lambda: docs._table(("A",), [["x"]]),
+                 ["`('A',)`", "`['---']`", "`['x']`"]),
+                (dict(_value=docs._code), lambda: value([1, (2,)]),
+                 "`1`, `(2,)`"),
+                (dict(_tier_tools=docs._code), docs._tier_counts, "6 core and 10 extended")]:
+            with self.subTest(expected=expected), rebound(**names):
+                self.assertEqual(outcome(call), expected)
 
 
 class ImportTest(unittest.TestCase):

@@ -1,10 +1,8 @@
 """Callbacks that change the module's world while it works: every call ends as Python's would.
 
-Each case builds fresh host data on one side (the module's namespace, or the pure-Python model's)
-and makes one call. Callbacks and reads of the host data are sites; at one of them the case's
-action runs: it rebinds or deletes module names, clears, replaces or mutates the lists being
-walked, drops fields, renders again, or raises. Both sides must end with the same result or error
-(an error the callbacks raised comes through as that very object) after the same reads.
+Each case builds fresh host data on the module's side and on the pure-Python model's, makes one
+call, and runs its action at one site (a callback or a read of host data). Both sides must end with
+the same result or error (a callback's error comes through as that very object) after the same reads.
 """
 
 import collections
@@ -78,11 +76,9 @@ class Record:
 
 
 class Tier(str):
-    """A tier name whose comparisons are a site."""
-
     side = None
 
-    def __eq__(self, other):
+    def __eq__(self, other):  # a site
         self.side.reached("tier==")
         return str.__eq__(self, other)
 
@@ -90,13 +86,11 @@ class Tier(str):
 
 
 class Frameworks(dict):
-    """ENDPOINT_FRAMEWORKS: each value taken is a site."""
-
     def __init__(self, side, *args):
         super().__init__(*args)
         self.side = side
 
-    def values(self):
+    def values(self):  # each value taken is a site
         for value in super().values():
             self.side.reached("frameworks")
             yield value
@@ -226,20 +220,14 @@ ACTIONS = {
     "deletes snake_to_kebab": delete("snake_to_kebab"),
     "deletes get_cli_schema": delete("get_cli_schema"),
 }
-CALLS = {
-    "skill_tools_block": lambda side: side.ns["skill_tools_block"](),
-    "readme_tools_block": lambda side: side.ns["readme_tools_block"](),
-    "mcp_intro_block": lambda side: side.ns["mcp_intro_block"](),
-    "mcp_overview_block": lambda side: side.ns["mcp_overview_block"](),
-    "mcp_cli_block": lambda side: side.ns["mcp_cli_block"](),
-    "mcp_params_block": lambda side: side.ns["mcp_params_block"](side.tools[0]),
-    "cli_usage": lambda side: side.ns["cli_usage"](side.tools[0]),
-    "skill_routes_block": lambda side: side.ns["skill_routes_block"](),
-    "rules_block": lambda side: side.ns["rules_block"](),
-    "render_file": lambda side: side.ns["render_file"](FILE_TEXT, side.record),
-    "generated_files": lambda side: [(f.path, [name for name, _ in f.blocks])
-                                     for f in side.ns["generated_files"]()],
-}
+CALLS = {name: lambda side, name=name: side.ns[name]() for name in (
+    "skill_tools_block", "readme_tools_block", "mcp_intro_block", "mcp_overview_block",
+    "mcp_cli_block", "skill_routes_block", "rules_block")}
+CALLS.update({name: lambda side, name=name: side.ns[name](side.tools[0])
+              for name in ("mcp_params_block", "cli_usage")})
+CALLS["render_file"] = lambda side: side.ns["render_file"](FILE_TEXT, side.record)
+CALLS["generated_files"] = lambda side: [(f.path, [name for name, _ in f.blocks])
+                                         for f in side.ns["generated_files"]()]
 
 
 def outcome(side, call):
@@ -286,6 +274,16 @@ class Sides:
                 self.test.assertEqual(native[2][first:first + 5], model[2][first:first + 5],
                                       f"reads and callbacks from number {first} on")
         return native
+
+    def changed(self, cases):
+        """Runs each (change, calls, ...) case on the stand-ins; yields how each call ended."""
+        for number, (change, calls, *_) in enumerate(cases):
+            def world(side, change=change):
+                side.ns.update(stand_ins(side))
+                change(side)
+                return {}
+
+            yield [self.same(f"case {number}: in {name}", world, CALLS[name])[0][0] for name in calls]
 
 
 class ReentrancyTest(unittest.TestCase):
@@ -414,16 +412,8 @@ class ReentrancyTest(unittest.TestCase):
             (lambda side: (go_on(side), fail_second("cli_usage")(side)), ["mcp_cli_block"], "ok"),
         ]
         sides = Sides(self)
-        for number, (change, calls, *ends) in enumerate(cases):
-            for name in calls:
-                def world(side, change=change):
-                    names = stand_ins(side)
-                    side.ns.update(names)
-                    change(side)
-                    return {}
-
-                native = sides.same(f"case {number}: in {name}", world, CALLS[name])
-                self.assertEqual(native[0][0], (ends or ["error"])[0], f"case {number} in {name}")
+        for (change, calls, *ends), ended in zip(cases, sides.changed(cases)):
+            self.assertEqual(set(ended), {(ends or ["error"])[0]}, calls)
         self.assertEqual(+sides.mismatches, {}, "cases whose outcome or reads differ")
 
     def test_rows_read_after_the_call(self):
@@ -563,14 +553,7 @@ class ReentrancyTest(unittest.TestCase):
             (record(path=5, blocks=[("mcp-intro", str), ("mcp-intro", str)]), ["render_file"]),
         ]
         sides, kinds = Sides(self), collections.Counter()
-        for number, (change, calls) in enumerate(cases):
-            for name in calls:
-                def world(side, change=change):
-                    side.ns.update(stand_ins(side))
-                    change(side)
-                    return {}
-
-                kinds[sides.same(f"case {number}: in {name}", world, CALLS[name])[0][0]] += 1
+        kinds.update(end for ended in sides.changed(cases) for end in ended)
         texts = [None, 5, b"x", 0.5]
         for function in ("block_names", "_blocks", "_cell", "_code", "_skill_text",
                          "_literal_text", "_value", "_type_cell", "_row"):

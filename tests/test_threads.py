@@ -15,9 +15,8 @@ SECONDS = 3
 
 
 def copies(reworded):
-    """Fresh copies of the example's tools, so that each rebinding drops the previous ones. The
-    reworded registry changes only texts read from the tools that `ordered_tools` lists: however
-    the threads interleave, a renderer's result is one registry's."""
+    """Fresh copies of the example's tools (each rebinding drops the previous ones); the reworded
+    registry changes only texts read from listed tools, so every result is one registry's."""
     return tuple(dataclasses.replace(tool, summary=tool.summary + " Again.",
                                      mcp_text=tool.mcp_text.upper()) if reworded
                  else dataclasses.replace(tool) for tool in registry.TOOLS)
@@ -42,9 +41,7 @@ class ThreadsTest(unittest.TestCase):
                     expected[label] = {name: call() for name, call in calls.items()}
             self.assertNotEqual(expected["A"]["stale_blocks"], expected["B"]["stale_blocks"])
 
-            def by_file(lines):
-                return {line.split(":")[0]: line for line in lines}
-
+            by_file = lambda lines: {line.split(":")[0]: line for line in lines}  # noqa: E731
             def registry_of(name, result):
                 for label in ("A", "B"):
                     if result == expected[label][name]:
@@ -98,7 +95,7 @@ class ThreadsTest(unittest.TestCase):
                 sys.setswitchinterval(interval)
 
         kinds = collections.Counter()
-        for (name, kind), count in seen.items():
+        for (_, kind), count in seen.items():
             kinds[kind.split(":")[0]] += count
         self.assertEqual(odd, [], f"results of neither registry: {seen}")
         # Both registries were seen, and errors (allowed) stayed rare.
