@@ -229,6 +229,18 @@ class FilesTest(unittest.TestCase):
                 self.assertRaises(error, docs.write_blocks, self.root)
         with rebound(generated_files=lambda: (self.record("one.md", "a", render=lambda name: 1 / 0),)):
             self.assertRaises(ZeroDivisionError, docs.stale_blocks, self.root)
+
+        class Unprintable(ValueError):
+            def __str__(self):
+                raise RuntimeError("str")
+
+        # An error while a ValueError becomes a line has it as its context, as in an except block.
+        raised = Unprintable()
+        with rebound(generated_files=lambda: (self.record("one.md", "a", render=lambda name: (
+                _ for _ in ()).throw(raised)),)):
+            with self.assertRaises(RuntimeError) as caught:
+                docs.stale_blocks(self.root)
+        self.assertIs(caught.exception.__context__, raised)
         surrogate = (self.record("one.md", "a"), self.record("bad.md", "a", render=lambda name: "\ud800"))
         self.write("bad.md", block("a", ""))
         before = self.snapshot()
