@@ -1,6 +1,7 @@
 #include "markdown.h"
 
 #include <algorithm>
+#include <array>
 #include <new>
 
 namespace registry_docs {
@@ -65,8 +66,33 @@ void fill_cell(Out* out, const Char* data, Py_ssize_t size) {
   }
 }
 
+// The characters below 256 that `_cell` may change: whitespace and the bar.
+const std::array<bool, 256>& cell_specials() {
+  static const std::array<bool, 256> table = [] {
+    std::array<bool, 256> specials{};
+    for (Py_UCS4 c = 0; c < 256; ++c) specials[c] = c == '|' || Py_UNICODE_ISSPACE(c);
+    return specials;
+  }();
+  return table;
+}
+
+// Whether `_cell` leaves a text as it is: single spaces between words, no other whitespace and no
+// bar. Most cells are such texts, and one cheap pass over them decides it.
+template <typename Char>
+bool cell_unchanged(const Char* data, Py_ssize_t size) {
+  const std::array<bool, 256>& specials = cell_specials();
+  auto special = [&](Py_UCS4 c) { return c < 256 ? specials[c] : Py_UNICODE_ISSPACE(c); };
+  for (Py_ssize_t i = 0; i < size; ++i) {
+    if (!special(data[i])) continue;
+    // A lone space between two words is the only special character kept as it is.
+    if (data[i] != ' ' || i == 0 || i == size - 1 || Py_UNICODE_ISSPACE(data[i + 1])) return false;
+  }
+  return true;
+}
+
 template <typename Char>
 Ref cell_of_kind(PyObject* text, const Char* data, Py_ssize_t size) {
+  if (cell_unchanged(data, size)) return Ref::borrow(text);
   CellPlan<Char> plan = plan_cell(data, size);
   if (!plan.changed) return Ref::borrow(text);
   Ref result = own(PyUnicode_New(plan.length, plan.widest));
