@@ -1,27 +1,113 @@
 #include "py.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "compat.h"
 
 namespace registry_docs {
 
-TextWriter::TextWriter() {
-  _PyUnicodeWriter_Init(&writer_);
-  writer_.overallocate = 1;
+namespace {
+
+template <typename To, typename From>
+void convert(void* to, const void* from, Py_ssize_t length) {
+  auto* out = static_cast<To*>(to);
+  auto* in = static_cast<const From*>(from);
+  for (Py_ssize_t i = 0; i < length; ++i) out[i] = static_cast<To>(in[i]);
 }
 
+template <typename To>
+void convert_from(int from_kind, void* to, const void* from, Py_ssize_t length) {
+  switch (from_kind) {
+    case PyUnicode_1BYTE_KIND:
+      return convert<To, Py_UCS1>(to, from, length);
+    case PyUnicode_2BYTE_KIND:
+      return convert<To, Py_UCS2>(to, from, length);
+    default:
+      return convert<To, Py_UCS4>(to, from, length);
+  }
+}
+
+// Copies characters between storage kinds; a part of a wide str may go into a narrower result,
+// which holds every character of it.
+void copy_kind(int to_kind, void* to, int from_kind, const void* from, Py_ssize_t length) {
+  if (to_kind == from_kind) {
+    size_t bytes = static_cast<size_t>(length) * static_cast<size_t>(to_kind);
+    auto* out = static_cast<char*>(to);
+    auto* in = static_cast<const char*>(from);
+    // Most pieces are a few characters (a separator, a word, a cell): two overlapping fixed-size
+    // copies spare the call.
+    if (bytes >= 8 && bytes <= 16) {
+      memcpy(out, in, 8);
+      memcpy(out + bytes - 8, in + bytes - 8, 8);
+    } else if (bytes >= 4 && bytes < 8) {
+      memcpy(out, in, 4);
+      memcpy(out + bytes - 4, in + bytes - 4, 4);
+    } else if (bytes < 4) {
+      for (size_t i = 0; i < bytes; ++i) out[i] = in[i];
+    } else {
+      memcpy(out, in, bytes);
+    }
+    return;
+  }
+  switch (to_kind) {
+    case PyUnicode_1BYTE_KIND:
+      return convert_from<Py_UCS1>(from_kind, to, from, length);
+    case PyUnicode_2BYTE_KIND:
+      return convert_from<Py_UCS2>(from_kind, to, from, length);
+    default:
+      return convert_from<Py_UCS4>(from_kind, to, from, length);
+  }
+}
+
+template <typename Char>
+Py_UCS4 widest_of(const Char* data, Py_ssize_t start, Py_ssize_t end) {
+  Py_UCS4 widest = 0;
+  for (Py_ssize_t i = start; i < end; ++i) widest = std::max<Py_UCS4>(widest, data[i]);
+  return widest;
+}
+
+// The widest character of `text[start:end]`.
+Py_UCS4 widest_in(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
+  switch (PyUnicode_KIND(text)) {
+    case PyUnicode_1BYTE_KIND:
+      return widest_of(PyUnicode_1BYTE_DATA(text), start, end);
+    case PyUnicode_2BYTE_KIND:
+      return widest_of(PyUnicode_2BYTE_DATA(text), start, end);
+    default:
+      return widest_of(PyUnicode_4BYTE_DATA(text), start, end);
+  }
+}
+
+}  // namespace
+
 TextWriter::~TextWriter() {
-  if (!finished_) _PyUnicodeWriter_Dealloc(&writer_);
+  for (size_t i = 0; i < count_; ++i) Py_XDECREF(pieces_[i].text);
+  if (pieces_ != inline_) PyMem_Free(pieces_);
+}
+
+void TextWriter::grow() {
+  {
+    size_t capacity = capacity_ * 2;
+    auto* grown = static_cast<Piece*>(PyMem_Malloc(capacity * sizeof(Piece)));
+    if (!grown) throw std::bad_alloc();
+    memcpy(static_cast<void*>(grown), pieces_, count_ * sizeof(Piece));
+    if (pieces_ != inline_) PyMem_Free(pieces_);
+    pieces_ = grown;
+    capacity_ = capacity;
+  }
 }
 
 TextWriter& TextWriter::str(PyObject* text) {
-  check(_PyUnicodeWriter_WriteStr(&writer_, text));
-  return *this;
+  return substring(text, 0, PyUnicode_GET_LENGTH(text));
 }
 
 TextWriter& TextWriter::ascii(const char* text, Py_ssize_t size) {
-  check(_PyUnicodeWriter_WriteASCIIString(&writer_, text, size));
+  if (size > 0) {
+    add() = Piece{nullptr, text, 0, size};
+    length_ += size;
+    widest_ = std::max<Py_UCS4>(widest_, 127);
+  }
   return *this;
 }
 
@@ -35,13 +121,41 @@ TextWriter& TextWriter::number(Py_ssize_t n) {
 }
 
 TextWriter& TextWriter::substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
-  if (start < end) check(_PyUnicodeWriter_WriteSubstring(&writer_, text, start, end));
+  if (start >= end) return *this;
+  check(PyUnicode_READY(text));
+  add() = Piece{Ref::borrow(text).release(), nullptr, start, end - start};
+  length_ += end - start;
+  // The kind of a whole str tells its widest character closely enough to choose the result's
+  // kind; a part of one may be narrower, and the result must have the narrowest kind that holds it.
+  Py_UCS4 bound = PyUnicode_IS_ASCII(text) ? Py_UCS4{127} : PyUnicode_MAX_CHAR_VALUE(text);
+  if (bound > widest_) {
+    bool whole = start == 0 && end == PyUnicode_GET_LENGTH(text);
+    widest_ = std::max(widest_, whole ? bound : widest_in(text, start, end));
+  }
   return *this;
 }
 
 Ref TextWriter::finish() {
-  finished_ = true;
-  return own(_PyUnicodeWriter_Finish(&writer_));
+  if (count_ == 1 && pieces_[0].text && PyUnicode_CheckExact(pieces_[0].text) &&
+      pieces_[0].length == PyUnicode_GET_LENGTH(pieces_[0].text)) {
+    return Ref::borrow(pieces_[0].text);
+  }
+  Ref result = own(PyUnicode_New(length_, widest_));
+  int kind = PyUnicode_KIND(result.get());
+  char* out = static_cast<char*>(PyUnicode_DATA(result.get()));
+  for (size_t i = 0; i < count_; ++i) {
+    const Piece& piece = pieces_[i];
+    if (piece.text) {
+      int from_kind = PyUnicode_KIND(piece.text);
+      const char* from = static_cast<const char*>(PyUnicode_DATA(piece.text)) +
+                         piece.start * from_kind;
+      copy_kind(kind, out, from_kind, from, piece.length);
+    } else {
+      copy_kind(kind, out, PyUnicode_1BYTE_KIND, piece.ascii, piece.length);
+    }
+    out += piece.length * kind;
+  }
+  return result;
 }
 
 JoinWriter::JoinWriter(const char* separator)

@@ -79,15 +79,18 @@ auto guarded(Body body, Failed failed) noexcept -> decltype(body()) {
   return failed;
 }
 
-// Builds one str from pieces without repeated concatenation.
+// Builds one str from pieces without repeated concatenation: the pieces are kept (a reference to
+// each str, a pointer to each literal) and copied once, into a str made at its exact size and
+// kind, when the text is finished.
 class TextWriter {
  public:
-  TextWriter();
+  TextWriter() = default;
   ~TextWriter();
   TextWriter(const TextWriter&) = delete;
   TextWriter& operator=(const TextWriter&) = delete;
 
   TextWriter& str(PyObject* text);  // text must be a str (any subclass)
+  // ASCII text that outlives the writer (a literal).
   TextWriter& ascii(const char* text, Py_ssize_t size);
   template <Py_ssize_t N>
   TextWriter& lit(const char (&text)[N]) {
@@ -100,8 +103,25 @@ class TextWriter {
   Ref finish();
 
  private:
-  _PyUnicodeWriter writer_;
-  bool finished_ = false;
+  struct Piece {
+    PyObject* text;     // a str the writer holds, or null for ASCII
+    const char* ascii;  // the ASCII characters when text is null
+    Py_ssize_t start;
+    Py_ssize_t length;
+  };
+  Piece& add() {
+    if (count_ == capacity_) grow();
+    return pieces_[count_++];
+  }
+  void grow();
+
+  static constexpr size_t kInline = 8;
+  Piece inline_[kInline];
+  Piece* pieces_ = inline_;
+  size_t count_ = 0;
+  size_t capacity_ = kInline;
+  Py_ssize_t length_ = 0;
+  Py_UCS4 widest_ = 0;
 };
 
 // Writes `separator.join(items)` item by item into one str. An item that is not a str is reported
