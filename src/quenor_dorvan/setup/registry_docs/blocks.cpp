@@ -276,22 +276,19 @@ Ref served_actions(const Env& env, PyObject* param) {
   return PyUnicode_GET_LENGTH(served.get()) ? served : Ref::borrow(shown(env, kAll));
 }
 
-Cells param_row(Env env, Ref param, Ref prop, Ref required, bool has_actions) {
-  co_yield code_of(env, host::name(env, param.get()).get());
-  co_yield code_of(env, option_of(env, param.get()).get());
-  co_yield call_global(env, Id::type_cell, prop.get());
-  co_yield required_cell(env, param.get(), required.get());
-  co_yield cell_of(env, call_global(env, Id::default_cell, param.get()).get());
-  if (has_actions) co_yield served_actions(env, param.get());
-  co_yield call_global(env, Id::description_cell, param.get(), prop.get());
-}
-
-// `for param in tool.all_params: prop = properties[param.name]; rows.append((...))`.
-Rows param_rows(Env env, Ref params, Ref properties, Ref required, bool has_actions) {
-  while (Ref param = next(params.get())) {
-    Ref prop = subscript(properties.get(), host::name(env, param.get()).get());
-    co_yield param_row(env, std::move(param), std::move(prop), required, has_actions);
-  }
+// `rows.append((...))` for one parameter: its cells, computed in order. The parameter table is
+// built in full before `_table` is called, so its rows need no generator.
+void add_param_row(const Env& env, BuiltRows& rows, PyObject* param, PyObject* prop,
+                   PyObject* required, bool has_actions) {
+  auto add = [&rows](Ref cell) { rows.cells.push_back(std::move(cell)); };
+  add(code_of(env, host::name(env, param).get()));
+  add(code_of(env, option_of(env, param).get()));
+  add(call_global(env, Id::type_cell, {prop}));
+  add(required_cell(env, param, required));
+  add(cell_of(env, call_global(env, Id::default_cell, {param}).get()));
+  if (has_actions) add(served_actions(env, param));
+  add(call_global(env, Id::description_cell, {param, prop}));
+  rows.ends.push_back(rows.cells.size());
 }
 
 // The schema must name the tool's parameters, in the registry's order.
@@ -315,10 +312,13 @@ Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
   Ref required = own(PySet_New(subscript(schema.get(), env.name(Id::required)).get()));
   bool has_actions = host::has_actions(env, tool);
   PyObject* header = shown(env, has_actions ? kParamsHeader : kPlainParamsHeader);
-  // Every row is built before the lines around the table and before `_table` is looked up.
-  Ref params = own(PyObject_GetIter(host::all_params(env, tool).get()));
-  BuiltRows rows = build(
-      param_rows(env, std::move(params), std::move(properties), std::move(required), has_actions));
+  // Every row is built before the lines around the table and before `_table` is looked up:
+  // `for param in tool.all_params: prop = properties[param.name]; rows.append((...))`.
+  BuiltRows rows;
+  for_each(host::all_params(env, tool).get(), [&](PyObject* param) {
+    Ref prop = subscript(properties.get(), host::name(env, param).get());
+    add_param_row(env, rows, param, prop.get(), required.get(), has_actions);
+  });
   LineJoiner out;
   if (has_actions) {
     Ref listed = code_spans(env, host::action_names(env, tool).get(), Id::bar_sep);

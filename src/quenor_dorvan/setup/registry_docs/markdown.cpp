@@ -259,21 +259,25 @@ void drain(Cells row, std::vector<Ref>& cells) {
   while (auto cell = row.next()) cells.push_back(std::move(*cell));
 }
 
-// A row as our own `_row` writes it: each cell checked to be a str, then joined.
-void write_row(LineJoiner& out, const Ref* cells, size_t count) {
+// A row as our own `_row` writes it: each cell (`cell(i)`, borrowed) checked to be a str, then
+// joined.
+template <typename Cell>
+void write_row(LineJoiner& out, size_t count, Cell cell) {
   for (size_t i = 0; i < count; ++i) {
-    if (!PyUnicode_Check(cells[i].get())) {
-      join_type_error(static_cast<Py_ssize_t>(i), cells[i].get());
-    }
+    if (!PyUnicode_Check(cell(i))) join_type_error(static_cast<Py_ssize_t>(i), cell(i));
   }
   TextWriter* writer = out.start();
   if (!writer) return;
   writer->lit("| ");
   for (size_t i = 0; i < count; ++i) {
     if (i > 0) writer->lit(" | ");
-    writer->str(cells[i].get());
+    writer->str(cell(i));
   }
   writer->lit(" |");
+}
+
+void write_row(LineJoiner& out, const Ref* cells, size_t count) {
+  write_row(out, count, [cells](size_t i) { return cells[i].get(); });
 }
 
 // A row as a caller's function receives it when rows are built first.
@@ -286,10 +290,24 @@ Ref row_tuple(const Ref* cells, size_t count) {
 }
 
 // What our own `_table` writes before the rows: `_row(header)`, then `_row` of the rule.
+// A header the renderers give is a tuple, which our own `_row` and the rule read without
+// observable steps: those lines are written straight into the output.
 void write_head(const Env& env, LineJoiner& out, PyObject* header) {
-  out.line(call_global(env, Id::row, {header}).get());
+  bool tuple = PyTuple_CheckExact(header);
+  auto size = static_cast<size_t>(tuple ? PyTuple_GET_SIZE(header) : 0);
+  Ref header_row = lookup(env, Id::row);
+  if (tuple && is_native(header_row.get(), kRow)) {
+    write_row(out, size,
+              [header](size_t i) { return PyTuple_GET_ITEM(header, static_cast<Py_ssize_t>(i)); });
+  } else {
+    out.line(call_found(header_row.get(), {header}).get());
+  }
   Ref rule_row = lookup(env, Id::row);
-  out.line(call_found(rule_row.get(), {rule_cells(env, header).get()}).get());
+  if (tuple && is_native(rule_row.get(), kRow)) {
+    write_row(out, size, [&env](size_t) { return env.name(Id::rule); });
+  } else {
+    out.line(call_found(rule_row.get(), {rule_cells(env, header).get()}).get());
+  }
 }
 
 }  // namespace
@@ -335,15 +353,6 @@ void LineJoiner::lines(PyObject* iterable) {
     raise();
   }
   while (Ref item = next(iterator.get())) line(item.get());
-}
-
-BuiltRows build(Rows rows) {
-  BuiltRows built;
-  while (auto row = rows.next()) {
-    drain(std::move(*row), built.cells);
-    built.ends.push_back(built.cells.size());
-  }
-  return built;
 }
 
 void write_table(const Env& env, LineJoiner& out, PyObject* header, Rows rows) {

@@ -147,8 +147,8 @@ Ref TextWriter::finish() {
     const Piece& piece = pieces_[i];
     if (piece.text) {
       int from_kind = PyUnicode_KIND(piece.text);
-      const char* from = static_cast<const char*>(PyUnicode_DATA(piece.text)) +
-                         piece.start * from_kind;
+      const char* from =
+          static_cast<const char*>(PyUnicode_DATA(piece.text)) + piece.start * from_kind;
       copy_kind(kind, out, from_kind, from, piece.length);
     } else {
       copy_kind(kind, out, PyUnicode_1BYTE_KIND, piece.ascii, piece.length);
