@@ -30,26 +30,7 @@ void convert_from(int from_kind, void* to, const void* from, Py_ssize_t length) 
 
 // Copies characters between storage kinds; a part of a wide str may go into a narrower result,
 // which holds every character of it.
-void copy_kind(int to_kind, void* to, int from_kind, const void* from, Py_ssize_t length) {
-  if (to_kind == from_kind) {
-    size_t bytes = static_cast<size_t>(length) * static_cast<size_t>(to_kind);
-    auto* out = static_cast<char*>(to);
-    auto* in = static_cast<const char*>(from);
-    // Most pieces are a few characters (a separator, a word, a cell): two overlapping fixed-size
-    // copies spare the call.
-    if (bytes >= 8 && bytes <= 16) {
-      memcpy(out, in, 8);
-      memcpy(out + bytes - 8, in + bytes - 8, 8);
-    } else if (bytes >= 4 && bytes < 8) {
-      memcpy(out, in, 4);
-      memcpy(out + bytes - 4, in + bytes - 4, 4);
-    } else if (bytes < 4) {
-      for (size_t i = 0; i < bytes; ++i) out[i] = in[i];
-    } else {
-      memcpy(out, in, bytes);
-    }
-    return;
-  }
+void convert_kind(int to_kind, void* to, int from_kind, const void* from, Py_ssize_t length) {
   switch (to_kind) {
     case PyUnicode_1BYTE_KIND:
       return convert_from<Py_UCS1>(from_kind, to, from, length);
@@ -57,6 +38,22 @@ void copy_kind(int to_kind, void* to, int from_kind, const void* from, Py_ssize_
       return convert_from<Py_UCS2>(from_kind, to, from, length);
     default:
       return convert_from<Py_UCS4>(from_kind, to, from, length);
+  }
+}
+
+// Most pieces are a few characters (a separator, a word, a cell): two overlapping fixed-size
+// copies spare the call.
+inline void copy_bytes(char* out, const char* in, size_t bytes) {
+  if (bytes >= 8 && bytes <= 16) {
+    memcpy(out, in, 8);
+    memcpy(out + bytes - 8, in + bytes - 8, 8);
+  } else if (bytes >= 4 && bytes < 8) {
+    memcpy(out, in, 4);
+    memcpy(out + bytes - 4, in + bytes - 4, 4);
+  } else if (bytes < 4) {
+    for (size_t i = 0; i < bytes; ++i) out[i] = in[i];
+  } else {
+    memcpy(out, in, bytes);
   }
 }
 
@@ -104,7 +101,7 @@ TextWriter& TextWriter::str(PyObject* text) {
 
 TextWriter& TextWriter::ascii(const char* text, Py_ssize_t size) {
   if (size > 0) {
-    add() = Piece{nullptr, text, 0, size};
+    add() = Piece{nullptr, text, size, PyUnicode_1BYTE_KIND};
     length_ += size;
     widest_ = std::max<Py_UCS4>(widest_, 127);
   }
@@ -123,7 +120,9 @@ TextWriter& TextWriter::number(Py_ssize_t n) {
 TextWriter& TextWriter::substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
   if (start >= end) return *this;
   check(PyUnicode_READY(text));
-  add() = Piece{Ref::borrow(text).release(), nullptr, start, end - start};
+  int kind = PyUnicode_KIND(text);
+  const void* data = static_cast<const char*>(PyUnicode_DATA(text)) + start * kind;
+  add() = Piece{Ref::borrow(text).release(), data, end - start, kind};
   length_ += end - start;
   // The kind of a whole str tells its widest character closely enough to choose the result's
   // kind; a part of one may be narrower, and the result must have the narrowest kind that holds it.
@@ -145,13 +144,11 @@ Ref TextWriter::finish() {
   char* out = static_cast<char*>(PyUnicode_DATA(result.get()));
   for (size_t i = 0; i < count_; ++i) {
     const Piece& piece = pieces_[i];
-    if (piece.text) {
-      int from_kind = PyUnicode_KIND(piece.text);
-      const char* from =
-          static_cast<const char*>(PyUnicode_DATA(piece.text)) + piece.start * from_kind;
-      copy_kind(kind, out, from_kind, from, piece.length);
+    if (piece.kind == kind) {
+      copy_bytes(out, static_cast<const char*>(piece.data),
+                 static_cast<size_t>(piece.length) * static_cast<size_t>(kind));
     } else {
-      copy_kind(kind, out, PyUnicode_1BYTE_KIND, piece.ascii, piece.length);
+      convert_kind(kind, out, piece.kind, piece.data, piece.length);
     }
     out += piece.length * kind;
   }

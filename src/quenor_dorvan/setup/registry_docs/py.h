@@ -104,10 +104,10 @@ class TextWriter {
 
  private:
   struct Piece {
-    PyObject* text;     // a str the writer holds, or null for ASCII
-    const char* ascii;  // the ASCII characters when text is null
-    Py_ssize_t start;
+    PyObject* text;    // the str the characters belong to, held by the writer; null for ASCII
+    const void* data;  // the first character
     Py_ssize_t length;
+    int kind;  // the storage kind of the characters
   };
   Piece& add() {
     if (count_ == capacity_) grow();
