@@ -129,7 +129,7 @@ Ref tier_line(const Env& env, PyObject* tier) {
   prefix.number(check_size(PyObject_Size(call_global(env, Id::tier_tools, {tier}).get())));
   prefix.lit(" tools): ");
   Ref head = prefix.finish();
-  Ref names = code_spans(env, call_global(env, Id::tier_tools, {tier}).get(), Id::comma, true);
+  Ref names = code_spans(env, call_global(env, Id::tier_tools, {tier}).get(), ", ", true);
   return own(PyUnicode_Concat(head.get(), names.get()));
 }
 
@@ -178,13 +178,14 @@ Ref default_cell_body(const Env& env, PyObject* const* args) {
                   ? lookup(env, Id::NONE)
                   : call_global(env, Id::value, {host::default_value(env, param).get()});
   // `", ".join(f"{action}: {_value(value)}" for action, value in param.action_defaults)`
-  Ref pieces = collect(host::action_defaults(env, param).get(), [&](PyObject* pair) {
+  JoinWriter pieces(", ");
+  for_each(host::action_defaults(env, param).get(), [&](PyObject* pair) {
     auto [action, value] = unpack_pair(pair);
     TextWriter piece;
     piece.format(action.get()).lit(": ");
-    return piece.format(call_global(env, Id::value, {value.get()}).get()).finish();
+    pieces.item(piece.format(call_global(env, Id::value, {value.get()}).get()).finish().get());
   });
-  Ref by_action = join(env.name(Id::comma), pieces.get());
+  Ref by_action = pieces.finish();
   if (PyUnicode_GET_LENGTH(by_action.get()) == 0) return shown;
   return TextWriter().format(shown.get()).lit(" (").str(by_action.get()).lit(")").finish();
 }
@@ -251,11 +252,11 @@ Ref description_cell_body(const Env& env, PyObject* const* args) {
   Ref description = with_full_stop(env, strip_text(env, description_text(env, prop).get()));
   Ref values = host::values_text(env, param, lookup(env, Id::code).get());
   Ref bound = bound_sentence(env, prop);
-  Ref pieces = own(PyList_New(0));
+  JoinWriter pieces(" ");
   for (PyObject* piece : {description.get(), values.get(), bound.get()}) {
-    if (truth(piece)) check(PyList_Append(pieces.get(), piece));
+    if (truth(piece)) pieces.item(piece);
   }
-  return cell_of(env, join(env.name(Id::space), pieces.get()).get());
+  return cell_of(env, pieces.finish().get());
 }
 
 // `f"--{snake_to_kebab(param.name)}"`.
@@ -321,7 +322,7 @@ Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
   });
   LineJoiner out;
   if (has_actions) {
-    Ref listed = code_spans(env, host::action_names(env, tool).get(), Id::bar_sep);
+    Ref listed = code_spans(env, host::action_names(env, tool).get(), " | ");
     out.line(TextWriter().lit("**Actions:** ").str(listed.get()).finish().get());
     out.line(env.name(Id::empty));
   }

@@ -113,34 +113,35 @@ Ref tier_counts_body(const Env& env, PyObject* const*) {
 Ref actions_cell_body(const Env& env, PyObject* const* args) {
   Ref names = host::action_names(env, args[0]);
   if (!truth(names.get())) return Ref::borrow(args[1]);
-  return code_spans(env, names.get(), Id::comma);
+  return code_spans(env, names.get(), ", ");
 }
 
 // `" ".join(["quenor-dorvan query", snake_to_kebab(tool.name), *(f"--{snake_to_kebab(p.name)}
 // <{p.name}>" for p in tool.all_params if p.required)])`.
 Ref cli_usage_body(const Env& env, PyObject* const* args) {
   PyObject* tool = args[0];
-  Ref words = own(PyList_New(0));
-  check(PyList_Append(words.get(), text("quenor-dorvan query").get()));
-  check(PyList_Append(words.get(), host::kebab(env, host::name(env, tool).get()).get()));
+  JoinWriter words(" ");
+  words.start()->lit("quenor-dorvan query");
+  words.item(host::kebab(env, host::name(env, tool).get()).get());
   for_each(host::all_params(env, tool).get(), [&](PyObject* param) {
     if (!host::required(env, param)) return;
     TextWriter word;
     word.lit("--").format(host::kebab(env, host::name(env, param).get()).get());
     word.lit(" <").format(host::name(env, param).get()).lit(">");
-    check(PyList_Append(words.get(), word.finish().get()));
+    words.item(word.finish().get());
   });
-  return join(env.name(Id::space), words.get());
+  return words.finish();
 }
 
 }  // namespace
 
-Ref code_spans(const Env& env, PyObject* iterable, Id separator, bool by_name) {
-  Ref spans = collect(iterable, [&](PyObject* item) {
+Ref code_spans(const Env& env, PyObject* iterable, const char* separator, bool by_name) {
+  JoinWriter spans(separator);
+  for_each(iterable, [&](PyObject* item) {
     Ref shown = by_name ? host::name(env, item) : Ref::borrow(item);
-    return call_global(env, Id::code, {shown.get()});
+    spans.item(call_global(env, Id::code, {shown.get()}).get());
   });
-  return join(env.name(separator), spans.get());
+  return spans.finish();
 }
 
 const FunctionDef kOrderedTools = {
