@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "compat.h"
 
@@ -50,8 +51,11 @@ inline void copy_bytes(char* out, const char* in, size_t bytes) {
   } else if (bytes >= 4 && bytes < 8) {
     memcpy(out, in, 4);
     memcpy(out + bytes - 4, in + bytes - 4, 4);
-  } else if (bytes < 4) {
-    for (size_t i = 0; i < bytes; ++i) out[i] = in[i];
+  } else if (bytes >= 2 && bytes < 4) {
+    memcpy(out, in, 2);
+    memcpy(out + bytes - 2, in + bytes - 2, 2);
+  } else if (bytes == 1) {
+    *out = *in;
   } else {
     memcpy(out, in, bytes);
   }
@@ -78,21 +82,31 @@ Py_UCS4 widest_in(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
 
 }  // namespace
 
+template <typename F>
+void TextWriter::each(F f) {
+  Piece* inline_end = first_ ? inline_ + kInline : next_;
+  for (Piece* piece = inline_; piece != inline_end; ++piece) f(*piece);
+  for (Chunk* chunk = first_; chunk; chunk = chunk->next) {
+    Piece* end = chunk == last_ ? next_ : chunk->pieces() + chunk->capacity;
+    for (Piece* piece = chunk->pieces(); piece != end; ++piece) f(*piece);
+  }
+}
+
 TextWriter::~TextWriter() {
-  for (size_t i = 0; i < count_; ++i) Py_XDECREF(pieces_[i].text);
-  if (pieces_ != inline_) PyMem_Free(pieces_);
+  each([](Piece& piece) { Py_XDECREF(piece.text); });
+  while (first_) PyMem_Free(std::exchange(first_, first_->next));
 }
 
 void TextWriter::grow() {
-  {
-    size_t capacity = capacity_ * 2;
-    auto* grown = static_cast<Piece*>(PyMem_Malloc(capacity * sizeof(Piece)));
-    if (!grown) throw std::bad_alloc();
-    memcpy(static_cast<void*>(grown), pieces_, count_ * sizeof(Piece));
-    if (pieces_ != inline_) PyMem_Free(pieces_);
-    pieces_ = grown;
-    capacity_ = capacity;
-  }
+  size_t capacity = last_ ? std::min<size_t>(last_->capacity * 2, 4096) : 32;
+  auto* chunk = static_cast<Chunk*>(PyMem_Malloc(sizeof(Chunk) + capacity * sizeof(Piece)));
+  if (!chunk) throw std::bad_alloc();
+  chunk->next = nullptr;
+  chunk->capacity = capacity;
+  (last_ ? last_->next : first_) = chunk;
+  last_ = chunk;
+  next_ = chunk->pieces();
+  end_ = next_ + capacity;
 }
 
 TextWriter& TextWriter::str(PyObject* text) {
@@ -135,15 +149,14 @@ TextWriter& TextWriter::substring(PyObject* text, Py_ssize_t start, Py_ssize_t e
 }
 
 Ref TextWriter::finish() {
-  if (count_ == 1 && pieces_[0].text && PyUnicode_CheckExact(pieces_[0].text) &&
-      pieces_[0].length == PyUnicode_GET_LENGTH(pieces_[0].text)) {
-    return Ref::borrow(pieces_[0].text);
+  if (count_ == 1 && inline_[0].text && PyUnicode_CheckExact(inline_[0].text) &&
+      inline_[0].length == PyUnicode_GET_LENGTH(inline_[0].text)) {
+    return Ref::borrow(inline_[0].text);
   }
   Ref result = own(PyUnicode_New(length_, widest_));
   int kind = PyUnicode_KIND(result.get());
   char* out = static_cast<char*>(PyUnicode_DATA(result.get()));
-  for (size_t i = 0; i < count_; ++i) {
-    const Piece& piece = pieces_[i];
+  each([&](const Piece& piece) {
     if (piece.kind == kind) {
       copy_bytes(out, static_cast<const char*>(piece.data),
                  static_cast<size_t>(piece.length) * static_cast<size_t>(kind));
@@ -151,7 +164,7 @@ Ref TextWriter::finish() {
       convert_kind(kind, out, piece.kind, piece.data, piece.length);
     }
     out += piece.length * kind;
-  }
+  });
   return result;
 }
 

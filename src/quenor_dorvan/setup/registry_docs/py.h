@@ -109,17 +109,30 @@ class TextWriter {
     Py_ssize_t length;
     int kind;  // the storage kind of the characters
   };
+  // Pieces past the first few go into chunks that are chained, never moved: a table's text has
+  // thousands of pieces.
+  struct Chunk {
+    Chunk* next;
+    size_t capacity;
+    Piece* pieces() { return reinterpret_cast<Piece*>(this + 1); }
+  };
   Piece& add() {
-    if (count_ == capacity_) grow();
-    return pieces_[count_++];
+    if (next_ == end_) grow();
+    ++count_;
+    return *next_++;
   }
   void grow();
+  // Calls f(piece) for each piece, in order.
+  template <typename F>
+  void each(F f);
 
   static constexpr size_t kInline = 8;
   Piece inline_[kInline];
-  Piece* pieces_ = inline_;
+  Piece* next_ = inline_;
+  Piece* end_ = inline_ + kInline;
+  Chunk* first_ = nullptr;
+  Chunk* last_ = nullptr;
   size_t count_ = 0;
-  size_t capacity_ = kInline;
   Py_ssize_t length_ = 0;
   Py_UCS4 widest_ = 0;
 };
