@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <new>
+#include <vector>
 
 namespace registry_docs {
 
@@ -90,9 +92,35 @@ bool cell_unchanged(const Char* data, Py_ssize_t size) {
   return true;
 }
 
+// `_cell` of an ASCII text that changes, in one pass into a buffer of the largest size it can take.
+Ref ascii_cell(const Py_UCS1* data, Py_ssize_t size) {
+  const std::array<bool, 256>& specials = cell_specials();
+  std::vector<char> buffer(static_cast<size_t>(size) * 2);
+  char* out = buffer.data();
+  bool gap = false;
+  for (Py_ssize_t i = 0; i < size; ++i) {
+    Py_UCS1 c = data[i];
+    if (specials[c] && c != '|') {
+      gap = true;
+      continue;
+    }
+    if (gap && out != buffer.data()) *out++ = ' ';
+    gap = false;
+    if (c == '|') *out++ = '\\';
+    *out++ = static_cast<char>(c);
+  }
+  Py_ssize_t length = out - buffer.data();
+  Ref result = own(PyUnicode_New(length, 127));
+  memcpy(PyUnicode_1BYTE_DATA(result.get()), buffer.data(), static_cast<size_t>(length));
+  return result;
+}
+
 template <typename Char>
 Ref cell_of_kind(PyObject* text, const Char* data, Py_ssize_t size) {
   if (cell_unchanged(data, size)) return Ref::borrow(text);
+  if constexpr (sizeof(Char) == 1) {
+    if (PyUnicode_IS_ASCII(text)) return ascii_cell(data, size);
+  }
   CellPlan<Char> plan = plan_cell(data, size);
   if (!plan.changed) return Ref::borrow(text);
   Ref result = own(PyUnicode_New(plan.length, plan.widest));
