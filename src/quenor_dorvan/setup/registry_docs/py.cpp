@@ -263,10 +263,12 @@ Ref enclosed(char open, PyObject* text, char close) {
   Py_ssize_t size = PyUnicode_GET_LENGTH(text);
   Py_UCS4 widest = PyUnicode_IS_ASCII(text) ? 127 : PyUnicode_MAX_CHAR_VALUE(text);
   Ref result = own(PyUnicode_New(size + 2, widest));
+  // The result has the text's kind: its characters are copied as they are stored.
   int kind = PyUnicode_KIND(result.get());
   void* data = PyUnicode_DATA(result.get());
   PyUnicode_WRITE(kind, data, 0, static_cast<Py_UCS4>(open));
-  check(static_cast<int>(PyUnicode_CopyCharacters(result.get(), 1, text, 0, size)));
+  memcpy(static_cast<char*>(data) + kind, PyUnicode_DATA(text),
+         static_cast<size_t>(size) * static_cast<size_t>(kind));
   PyUnicode_WRITE(kind, data, size + 1, static_cast<Py_UCS4>(close));
   return result;
 }
