@@ -250,8 +250,28 @@ PyObject* get_module(PyObject* self, void*) {
 PyObject* get_doc(PyObject* self, void*) {
   return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->doc).release();
 }
+// The annotation texts by parameter name, and the return's.
+Ref build_annotations(const FunctionDef& def) {
+  Ref annotations = own(PyDict_New());
+  for (int i = 0; i < def.nparams; ++i) {
+    if (!def.annotations[i]) continue;  // a parameter written without one
+    check(PyDict_SetItemString(annotations.get(), def.params[i], text(def.annotations[i]).get()));
+  }
+  if (def.returns) {
+    check(PyDict_SetItemString(annotations.get(), "return", text(def.returns).get()));
+  }
+  return annotations;
+}
+
+// Made on first use, as a def's own dict is: most closures are never asked.
 PyObject* get_annotations(PyObject* self, void*) {
-  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->annotations).release();
+  auto* f = reinterpret_cast<FunctionObject*>(self);
+  return guarded(
+      [&] {
+        if (!f->annotations) f->annotations = build_annotations(*f->def).release();
+        return Ref::borrow(f->annotations).release();
+      },
+      static_cast<PyObject*>(nullptr));
 }
 PyObject* get_globals(PyObject* self, void*) {
   return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->globals).release();
@@ -354,13 +374,6 @@ Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
   Ref qualname = own(PyUnicode_InternFromString(def.qualname ? def.qualname : def.name));
   Ref module_name = own(PyModule_GetNameObject(module));
   Ref doc = def.doc ? text(def.doc) : Ref::borrow(Py_None);
-  Ref annotations = own(PyDict_New());
-  for (int i = 0; i < def.nparams; ++i) {
-    if (!def.annotations[i]) continue;  // a parameter written without one
-    check(PyDict_SetItemString(annotations.get(), def.params[i], text(def.annotations[i]).get()));
-  }
-  if (def.returns)
-    check(PyDict_SetItemString(annotations.get(), "return", text(def.returns).get()));
 
   auto* type = reinterpret_cast<PyTypeObject*>(state.function_type.get());
   Ref self = own(reinterpret_cast<PyObject*>(PyObject_GC_New(FunctionObject, type)));
@@ -377,7 +390,7 @@ Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
   f->qualname = qualname.release();
   f->module_name = module_name.release();
   f->doc = doc.release();
-  f->annotations = annotations.release();
+  f->annotations = nullptr;
   f->signature = nullptr;
   f->weakrefs = nullptr;
   PyObject_GC_Track(self.get());
