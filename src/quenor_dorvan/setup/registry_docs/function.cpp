@@ -263,15 +263,21 @@ Ref build_annotations(const FunctionDef& def) {
   return annotations;
 }
 
+// A field made from the definition when first read, and kept.
+PyObject* made_on_first_use(PyObject*& field, const FunctionDef& def,
+                            Ref (*build)(const FunctionDef&)) {
+  return guarded(
+      [&] {
+        if (!field) field = build(def).release();
+        return Ref::borrow(field).release();
+      },
+      static_cast<PyObject*>(nullptr));
+}
+
 // Made on first use, as a def's own dict is: most closures are never asked.
 PyObject* get_annotations(PyObject* self, void*) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
-  return guarded(
-      [&] {
-        if (!f->annotations) f->annotations = build_annotations(*f->def).release();
-        return Ref::borrow(f->annotations).release();
-      },
-      static_cast<PyObject*>(nullptr));
+  return made_on_first_use(f->annotations, *f->def, build_annotations);
 }
 PyObject* get_globals(PyObject* self, void*) {
   return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->globals).release();
@@ -301,12 +307,7 @@ Ref build_signature(const FunctionDef& def) {
 
 PyObject* get_signature(PyObject* self, void*) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
-  return guarded(
-      [&] {
-        if (!f->signature) f->signature = build_signature(*f->def).release();
-        return Ref::borrow(f->signature).release();
-      },
-      static_cast<PyObject*>(nullptr));
+  return made_on_first_use(f->signature, *f->def, build_signature);
 }
 
 // Bound to an instance when read through a class, as a def is.
