@@ -371,8 +371,8 @@ namespace {
 
 Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
                  std::initializer_list<PyObject*> bound) {
-  Ref name = own(PyUnicode_InternFromString(def.name));
-  Ref qualname = own(PyUnicode_InternFromString(def.qualname ? def.qualname : def.name));
+  Ref name = Ref::borrow(state.function_name(def.name));
+  Ref qualname = Ref::borrow(state.function_name(def.qualname ? def.qualname : def.name));
   Ref module_name = own(PyModule_GetNameObject(module));
   Ref doc = def.doc ? text(def.doc) : Ref::borrow(Py_None);
 
