@@ -54,6 +54,19 @@ class MarkdownTest(unittest.TestCase):
             if docs._cell(text) != " ".join(text.split()).replace("|", "\\|"):
                 self.fail(f"_cell differs from str.split in {ord(max(text)):#x}'s block")
 
+    def test_cell_decides_blocks_of_plain_text(self):
+        # Long texts are passed over 16 characters at a time: a space, a pair of them or another
+        # special character at each place, next to block edges and at either end, in one-byte
+        # texts of several lengths and in a wider one.
+        for size in (15, 16, 17, 31, 32, 33, 48):
+            plain = ("ab cd" * 10)[:size]
+            for place in range(size):
+                for special in (" ", "  ", "|", "\t", "\x1f", "\x85", "\xe9", "\x01"):
+                    for base in (plain, plain + "\u0100"):
+                        text = base[:place] + special + base[place + 1:]
+                        self.assertEqual(docs._cell(text), " ".join(text.split()).replace("|", "\\|"),
+                                         repr(text))
+
     def test_table(self):
         events = []
 

@@ -124,7 +124,7 @@ Ref tier_line(const Env& env, PyObject* tier) {
   prefix.number(check_size(PyObject_Size(call_global(env, Id::tier_tools, {tier}).get())));
   prefix.lit(" tools): ");
   Ref head = prefix.finish();
-  Ref names = code_spans(env, call_global(env, Id::tier_tools, {tier}).get(), Id::comma, true);
+  Ref names = code_spans(env, call_global(env, Id::tier_tools, {tier}).get(), ", ", true);
   return own(PyUnicode_Concat(head.get(), names.get()));
 }
 
@@ -179,13 +179,14 @@ Ref default_cell_body(const Env& env, PyObject* const* args) {
                   ? lookup(env, Id::NONE)
                   : call_on_field(env, Id::value, param, Id::default_);
   // `", ".join(f"{action}: {_value(value)}" for action, value in param.action_defaults)`
-  Ref pieces = collect(host::action_defaults(env, param).get(), [&](PyObject* pair) {
+  JoinWriter pieces(", ");
+  for_each(host::action_defaults(env, param).get(), [&](PyObject* pair) {
     auto [action, value] = unpack_pair(pair);
     TextWriter piece;
     piece.format(action.get()).lit(": ");
-    return piece.format(call_global(env, Id::value, {value.get()}).get()).finish();
+    pieces.item(piece.format(call_global(env, Id::value, {value.get()}).get()).finish().get());
   });
-  Ref by_action = join(env.name(Id::comma), pieces.get());
+  Ref by_action = pieces.finish();
   if (PyUnicode_GET_LENGTH(by_action.get()) == 0) return shown;
   return TextWriter().format(shown.get()).lit(" (").str(by_action.get()).lit(")").finish();
 }
@@ -254,11 +255,11 @@ Ref description_cell_body(const Env& env, PyObject* const* args) {
   Ref bound = bound_sentence(env, prop);
   // `_cell(" ".join(piece for piece in (description, values, bound) if piece))`
   Ref cell = lookup(env, Id::cell);
-  Ref pieces = own(PyList_New(0));
+  JoinWriter pieces(" ");
   for (PyObject* piece : {description.get(), values.get(), bound.get()}) {
-    if (truth(piece)) check(PyList_Append(pieces.get(), piece));
+    if (truth(piece)) pieces.item(piece);
   }
-  return call_found(cell.get(), {join(env.name(Id::space), pieces.get()).get()});
+  return call_found(cell.get(), {pieces.finish().get()});
 }
 
 // `_code(f"--{snake_to_kebab(param.name)}")`.
@@ -286,22 +287,19 @@ Ref served_actions(const Env& env, PyObject* param) {
   return PyUnicode_GET_LENGTH(served.get()) ? served : Ref::borrow(shown(env, kAll));
 }
 
-Cells param_row(Env env, Ref param, Ref prop, Ref required, bool has_actions) {
-  co_yield call_on_field(env, Id::code, param.get(), Id::name);
-  co_yield option_cell(env, param.get());
-  co_yield call_global(env, Id::type_cell, prop.get());
-  co_yield required_cell(env, param.get(), required.get());
-  co_yield default_cell(env, param.get());
-  if (has_actions) co_yield served_actions(env, param.get());
-  co_yield call_global(env, Id::description_cell, param.get(), prop.get());
-}
-
-// `for param in tool.all_params: prop = properties[param.name]; rows.append((...))`.
-Rows param_rows(Env env, Ref params, Ref properties, Ref required, bool has_actions) {
-  while (Ref param = next(params.get())) {
-    Ref prop = subscript(properties.get(), host::name(env, param.get()).get());
-    co_yield param_row(env, std::move(param), std::move(prop), required, has_actions);
-  }
+// `rows.append((...))` for one parameter: its cells, computed in order. The parameter table is
+// built in full before `_table` is called, so its rows need no generator.
+void add_param_row(const Env& env, BuiltRows& rows, PyObject* param, PyObject* prop,
+                   PyObject* required, bool has_actions) {
+  auto add = [&rows](Ref cell) { rows.cells.push_back(std::move(cell)); };
+  add(call_on_field(env, Id::code, param, Id::name));
+  add(option_cell(env, param));
+  add(call_global(env, Id::type_cell, {prop}));
+  add(required_cell(env, param, required));
+  add(default_cell(env, param));
+  if (has_actions) add(served_actions(env, param));
+  add(call_global(env, Id::description_cell, {param, prop}));
+  rows.ends.push_back(rows.cells.size());
 }
 
 // The schema must name the tool's parameters, in the registry's order.
@@ -325,13 +323,16 @@ Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
   Ref required = own(PySet_New(subscript(schema.get(), env.name(Id::required)).get()));
   bool has_actions = host::has_actions(env, tool);
   PyObject* header = shown(env, has_actions ? kParamsHeader : kPlainParamsHeader);
-  // Every row is built before the lines around the table and before `_table` is looked up.
-  Ref params = own(PyObject_GetIter(host::all_params(env, tool).get()));
-  BuiltRows rows = build(
-      param_rows(env, std::move(params), std::move(properties), std::move(required), has_actions));
+  // Every row is built before the lines around the table and before `_table` is looked up:
+  // `for param in tool.all_params: prop = properties[param.name]; rows.append((...))`.
+  BuiltRows rows;
+  for_each(host::all_params(env, tool).get(), [&](PyObject* param) {
+    Ref prop = subscript(properties.get(), host::name(env, param).get());
+    add_param_row(env, rows, param, prop.get(), required.get(), has_actions);
+  });
   LineJoiner out;
   if (has_actions) {
-    Ref listed = code_spans(env, host::action_names(env, tool).get(), Id::bar_sep);
+    Ref listed = code_spans(env, host::action_names(env, tool).get(), " | ");
     out.line(TextWriter().lit("**Actions:** ").str(listed.get()).finish().get());
     out.line(env.name(Id::empty));
   }

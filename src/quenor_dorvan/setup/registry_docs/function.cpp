@@ -250,8 +250,34 @@ PyObject* get_module(PyObject* self, void*) {
 PyObject* get_doc(PyObject* self, void*) {
   return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->doc).release();
 }
+// The annotation texts by parameter name, and the return's.
+Ref build_annotations(const FunctionDef& def) {
+  Ref annotations = own(PyDict_New());
+  for (int i = 0; i < def.nparams; ++i) {
+    if (!def.annotations[i]) continue;  // a parameter written without one
+    check(PyDict_SetItemString(annotations.get(), def.params[i], text(def.annotations[i]).get()));
+  }
+  if (def.returns) {
+    check(PyDict_SetItemString(annotations.get(), "return", text(def.returns).get()));
+  }
+  return annotations;
+}
+
+// A field made from the definition when first read, and kept.
+PyObject* made_on_first_use(PyObject*& field, const FunctionDef& def,
+                            Ref (*build)(const FunctionDef&)) {
+  return guarded(
+      [&] {
+        if (!field) field = build(def).release();
+        return Ref::borrow(field).release();
+      },
+      static_cast<PyObject*>(nullptr));
+}
+
+// Made on first use, as a def's own dict is: most closures are never asked.
 PyObject* get_annotations(PyObject* self, void*) {
-  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->annotations).release();
+  auto* f = reinterpret_cast<FunctionObject*>(self);
+  return made_on_first_use(f->annotations, *f->def, build_annotations);
 }
 PyObject* get_globals(PyObject* self, void*) {
   return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->globals).release();
@@ -281,12 +307,7 @@ Ref build_signature(const FunctionDef& def) {
 
 PyObject* get_signature(PyObject* self, void*) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
-  return guarded(
-      [&] {
-        if (!f->signature) f->signature = build_signature(*f->def).release();
-        return Ref::borrow(f->signature).release();
-      },
-      static_cast<PyObject*>(nullptr));
+  return made_on_first_use(f->signature, *f->def, build_signature);
 }
 
 // Bound to an instance when read through a class, as a def is.
@@ -350,17 +371,10 @@ namespace {
 
 Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
                  std::initializer_list<PyObject*> bound) {
-  Ref name = own(PyUnicode_InternFromString(def.name));
-  Ref qualname = own(PyUnicode_InternFromString(def.qualname ? def.qualname : def.name));
+  Ref name = Ref::borrow(state.function_name(def.name));
+  Ref qualname = Ref::borrow(state.function_name(def.qualname ? def.qualname : def.name));
   Ref module_name = own(PyModule_GetNameObject(module));
   Ref doc = def.doc ? text(def.doc) : Ref::borrow(Py_None);
-  Ref annotations = own(PyDict_New());
-  for (int i = 0; i < def.nparams; ++i) {
-    if (!def.annotations[i]) continue;  // a parameter written without one
-    check(PyDict_SetItemString(annotations.get(), def.params[i], text(def.annotations[i]).get()));
-  }
-  if (def.returns)
-    check(PyDict_SetItemString(annotations.get(), "return", text(def.returns).get()));
 
   auto* type = reinterpret_cast<PyTypeObject*>(state.function_type.get());
   Ref self = own(reinterpret_cast<PyObject*>(PyObject_GC_New(FunctionObject, type)));
@@ -377,7 +391,7 @@ Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
   f->qualname = qualname.release();
   f->module_name = module_name.release();
   f->doc = doc.release();
-  f->annotations = annotations.release();
+  f->annotations = nullptr;
   f->signature = nullptr;
   f->weakrefs = nullptr;
   PyObject_GC_Track(self.get());

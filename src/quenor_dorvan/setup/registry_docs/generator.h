@@ -1,7 +1,8 @@
-// A C++20 coroutine generator, the one way a renderer states a table's rows: a row is a generator
-// of cells and a table's rows a generator of rows, each computed only when it is read, as Python's
-// generators are. The same statement is drained straight into the output, or handed to a caller's
-// function as lazy Python iterators (markdown.h).
+// A C++20 coroutine generator, the way a renderer states the rows of a table that are read lazily:
+// a row is a generator of cells and a table's rows a generator of rows, each computed only when it
+// is read, as Python's generators are (rows built in full first need none). The same statement is
+// drained straight into the output, or handed to a caller's function as lazy Python iterators
+// (markdown.h).
 #pragma once
 #include <algorithm>
 #include <array>

@@ -118,34 +118,36 @@ Ref tier_counts_body(const Env& env, PyObject* const*) {
 Ref actions_cell_body(const Env& env, PyObject* const* args) {
   Ref names = host::action_names(env, args[0]);
   if (!truth(names.get())) return Ref::borrow(args[1]);
-  return code_spans(env, names.get(), Id::comma);
+  return code_spans(env, names.get(), ", ");
 }
 
 // `" ".join(["quenor-dorvan query", snake_to_kebab(tool.name), *(f"--{snake_to_kebab(p.name)}
 // <{p.name}>" for p in tool.all_params if p.required)])`.
 Ref cli_usage_body(const Env& env, PyObject* const* args) {
   PyObject* tool = args[0];
-  Ref words = own(PyList_New(0));
-  check(PyList_Append(words.get(), text("quenor-dorvan query").get()));
-  check(PyList_Append(words.get(), host::kebab_name(env, tool).get()));
+  JoinWriter words(" ");
+  words.start()->lit("quenor-dorvan query");
+  words.item(host::kebab_name(env, tool).get());
   for_each(host::all_params(env, tool).get(), [&](PyObject* param) {
     if (!host::required(env, param)) return;
     TextWriter word;
     word.lit("--").format(host::kebab_name(env, param).get());
     word.lit(" <").format(host::name(env, param).get()).lit(">");
-    check(PyList_Append(words.get(), word.finish().get()));
+    words.item(word.finish().get());
   });
-  return join(env.name(Id::space), words.get());
+  return words.finish();
 }
 
 }  // namespace
 
-Ref code_spans(const Env& env, PyObject* iterable, Id separator, bool by_name) {
-  Ref spans = collect(iterable, [&](PyObject* item) {
-    if (by_name) return call_on_field(env, Id::code, item, Id::name);
-    return call_global(env, Id::code, {item});
+Ref code_spans(const Env& env, PyObject* iterable, const char* separator, bool by_name) {
+  JoinWriter spans(separator);
+  for_each(iterable, [&](PyObject* item) {
+    spans.item((by_name ? call_on_field(env, Id::code, item, Id::name)
+                        : call_global(env, Id::code, {item}))
+                   .get());
   });
-  return join(env.name(separator), spans.get());
+  return spans.finish();
 }
 
 const FunctionDef kOrderedTools = {

@@ -13,7 +13,7 @@ extern const FunctionDef kCliUsage;
 
 // `separator.join(_code(item) for item in iterable)`, or of each item's `name` when by_name;
 // `_code` is looked up for every item.
-Ref code_spans(const Env& env, PyObject* iterable, Id separator, bool by_name = false);
+Ref code_spans(const Env& env, PyObject* iterable, const char* separator, bool by_name = false);
 
 // `tier.capitalize()`, as the tier cells and tier lists write a tier name.
 inline Ref capitalized(const Env& env, PyObject* tier) {

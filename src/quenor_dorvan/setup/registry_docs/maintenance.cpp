@@ -1,5 +1,7 @@
 #include "maintenance.h"
 
+#include <vector>
+
 #include "compat.h"
 #include "marker_blocks.h"
 
@@ -97,22 +99,21 @@ const FunctionDef kFileRender = {"render",
 Ref render_file_body(const Env& env, PyObject* const* args) {
   PyObject* text = args[0];
   Ref generated = Ref::borrow(args[1]);
-  Ref pairs = collect(env.attr(generated.get(), Id::blocks).get(), [](PyObject* item) {
-    auto [block_name, renderer] = unpack_pair(item);
-    return own(PyTuple_Pack(2, block_name.get(), renderer.get()));
-  });
-  Ref expected = own(PyList_New(0));
-  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(pairs.get()); ++i) {
-    check(PyList_Append(expected.get(), PyTuple_GET_ITEM(PyList_GET_ITEM(pairs.get(), i), 0)));
+  // The pairs are kept natively: their tuples would be collected garbage, and nobody sees them.
+  std::vector<std::pair<Ref, Ref>> pairs;
+  for_each(env.attr(generated.get(), Id::blocks).get(),
+           [&](PyObject* item) { pairs.push_back(unpack_pair(item)); });
+  Ref expected = own(PyList_New(static_cast<Py_ssize_t>(pairs.size())));
+  for (size_t i = 0; i < pairs.size(); ++i) {
+    PyList_SET_ITEM(expected.get(), static_cast<Py_ssize_t>(i), Ref(pairs[i].first).release());
   }
   Ref found = call_global(env, Id::block_names, {text});
   if (markers_differ(found.get(), expected.get())) {
     raise_markers_mismatch(env, generated.get(), expected.get(), found.get());
   }
   Ref renderers = own(PyDict_New());
-  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(pairs.get()); ++i) {
-    PyObject* pair = PyList_GET_ITEM(pairs.get(), i);
-    check(PyDict_SetItem(renderers.get(), PyTuple_GET_ITEM(pair, 0), PyTuple_GET_ITEM(pair, 1)));
+  for (const auto& [block_name, renderer] : pairs) {
+    check(PyDict_SetItem(renderers.get(), block_name.get(), renderer.get()));
   }
   Ref marker = lookup(env, Id::MARKER);
   return replace_blocks(env, marker.get(), text, {kFileRender, fill_block},

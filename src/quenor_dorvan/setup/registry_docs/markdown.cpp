@@ -1,7 +1,14 @@
 #include "markdown.h"
 
 #include <algorithm>
+#include <array>
+#include <cstring>
 #include <new>
+#include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace registry_docs {
 
@@ -65,8 +72,89 @@ void fill_cell(Out* out, const Char* data, Py_ssize_t size) {
   }
 }
 
+// The characters below 256 that `_cell` may change: whitespace and the bar.
+const std::array<bool, 256>& cell_specials() {
+  static const std::array<bool, 256> table = [] {
+    std::array<bool, 256> specials{};
+    for (Py_UCS4 c = 0; c < 256; ++c) specials[c] = c == '|' || Py_UNICODE_ISSPACE(c);
+    return specials;
+  }();
+  return table;
+}
+
+// How far a one-byte text is plain, 16 characters at a time: a block passes when its only
+// characters at or below the space, above ASCII or bars are spaces, none next to another. The
+// blocks' first and last characters are left to the caller, and so is whatever follows.
+template <typename Char>
+Py_ssize_t plain_blocks(const Char* data, Py_ssize_t size) {
+#if defined(__SSE2__)
+  if constexpr (sizeof(Char) == 1) {
+    const __m128i above = _mm_set1_epi8(0x20), bar = _mm_set1_epi8('|'), space = _mm_set1_epi8(' ');
+    Py_ssize_t i = 0;
+    unsigned ended_with_space = 0;
+    for (; i + 16 <= size; i += 16) {
+      __m128i chars = _mm_loadu_si128(reinterpret_cast<const __m128i*>(data + i));
+      // Signed: a character above ASCII counts as below the space.
+      __m128i special = _mm_or_si128(_mm_cmpgt_epi8(above, chars), _mm_cmpeq_epi8(chars, bar));
+      unsigned spaces = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(chars, space)));
+      unsigned others = static_cast<unsigned>(_mm_movemask_epi8(special));
+      if (others != 0 || (spaces & ((spaces >> 1) | ended_with_space)) != 0) break;
+      ended_with_space = spaces >> 15;
+    }
+    return i;
+  }
+#endif
+  (void)data;
+  (void)size;
+  return 0;
+}
+
+// Whether `_cell` leaves a text as it is: single spaces between words, no other whitespace and no
+// bar. Most cells are such texts, and one cheap pass over them decides it.
+template <typename Char>
+bool cell_unchanged(const Char* data, Py_ssize_t size) {
+  const std::array<bool, 256>& specials = cell_specials();
+  auto special = [&](Py_UCS4 c) { return c < 256 ? specials[c] : Py_UNICODE_ISSPACE(c); };
+  Py_ssize_t plain = plain_blocks(data, size);
+  if (plain > 0 && data[0] == ' ') return false;
+  // The last character of the plain blocks is looked at again, with the one after it.
+  for (Py_ssize_t i = plain > 0 ? plain - 1 : 0; i < size; ++i) {
+    if (!special(data[i])) continue;
+    // A lone space between two words is the only special character kept as it is.
+    if (data[i] != ' ' || i == 0 || i == size - 1 || Py_UNICODE_ISSPACE(data[i + 1])) return false;
+  }
+  return true;
+}
+
+// `_cell` of an ASCII text that changes, in one pass into a buffer of the largest size it can take.
+Ref ascii_cell(const Py_UCS1* data, Py_ssize_t size) {
+  const std::array<bool, 256>& specials = cell_specials();
+  std::vector<char> buffer(static_cast<size_t>(size) * 2);
+  char* out = buffer.data();
+  bool gap = false;
+  for (Py_ssize_t i = 0; i < size; ++i) {
+    Py_UCS1 c = data[i];
+    if (specials[c] && c != '|') {
+      gap = true;
+      continue;
+    }
+    if (gap && out != buffer.data()) *out++ = ' ';
+    gap = false;
+    if (c == '|') *out++ = '\\';
+    *out++ = static_cast<char>(c);
+  }
+  Py_ssize_t length = out - buffer.data();
+  Ref result = own(PyUnicode_New(length, 127));
+  memcpy(PyUnicode_1BYTE_DATA(result.get()), buffer.data(), static_cast<size_t>(length));
+  return result;
+}
+
 template <typename Char>
 Ref cell_of_kind(PyObject* text, const Char* data, Py_ssize_t size) {
+  if (cell_unchanged(data, size)) return Ref::borrow(text);
+  if constexpr (sizeof(Char) == 1) {
+    if (PyUnicode_IS_ASCII(text)) return ascii_cell(data, size);
+  }
   CellPlan<Char> plan = plan_cell(data, size);
   if (!plan.changed) return Ref::borrow(text);
   Ref result = own(PyUnicode_New(plan.length, plan.widest));
@@ -233,21 +321,25 @@ void drain(Cells row, std::vector<Ref>& cells) {
   while (auto cell = row.next()) cells.push_back(std::move(*cell));
 }
 
-// A row as our own `_row` writes it: each cell checked to be a str, then joined.
-void write_row(LineJoiner& out, const Ref* cells, size_t count) {
+// A row as our own `_row` writes it: each cell (`cell(i)`, borrowed) checked to be a str, then
+// joined.
+template <typename Cell>
+void write_row(LineJoiner& out, size_t count, Cell cell) {
   for (size_t i = 0; i < count; ++i) {
-    if (!PyUnicode_Check(cells[i].get())) {
-      join_type_error(static_cast<Py_ssize_t>(i), cells[i].get());
-    }
+    if (!PyUnicode_Check(cell(i))) join_type_error(static_cast<Py_ssize_t>(i), cell(i));
   }
   TextWriter* writer = out.start();
   if (!writer) return;
   writer->lit("| ");
   for (size_t i = 0; i < count; ++i) {
     if (i > 0) writer->lit(" | ");
-    writer->str(cells[i].get());
+    writer->str(cell(i));
   }
   writer->lit(" |");
+}
+
+void write_row(LineJoiner& out, const Ref* cells, size_t count) {
+  write_row(out, count, [cells](size_t i) { return cells[i].get(); });
 }
 
 // A row as a caller's function receives it when rows are built first.
@@ -260,10 +352,24 @@ Ref row_tuple(const Ref* cells, size_t count) {
 }
 
 // What our own `_table` writes before the rows: `_row(header)`, then `_row` of the rule.
+// A header the renderers give is a tuple, which our own `_row` and the rule read without
+// observable steps: those lines are written straight into the output.
 void write_head(const Env& env, LineJoiner& out, PyObject* header) {
-  out.line(call_global(env, Id::row, {header}).get());
+  bool tuple = PyTuple_CheckExact(header);
+  auto size = static_cast<size_t>(tuple ? PyTuple_GET_SIZE(header) : 0);
+  Ref header_row = lookup(env, Id::row);
+  if (tuple && is_native(header_row.get(), kRow)) {
+    write_row(out, size,
+              [header](size_t i) { return PyTuple_GET_ITEM(header, static_cast<Py_ssize_t>(i)); });
+  } else {
+    out.line(call_found(header_row.get(), {header}).get());
+  }
   Ref rule_row = lookup(env, Id::row);
-  out.line(call_found(rule_row.get(), {rule_cells(env, header).get()}).get());
+  if (tuple && is_native(rule_row.get(), kRow)) {
+    write_row(out, size, [&env](size_t) { return env.name(Id::rule); });
+  } else {
+    out.line(call_found(rule_row.get(), {rule_cells(env, header).get()}).get());
+  }
 }
 
 }  // namespace
@@ -309,15 +415,6 @@ void LineJoiner::lines(PyObject* iterable) {
     raise();
   }
   while (Ref item = next(iterator.get())) line(item.get());
-}
-
-BuiltRows build(Rows rows) {
-  BuiltRows built;
-  while (auto row = rows.next()) {
-    drain(std::move(*row), built.cells);
-    built.ends.push_back(built.cells.size());
-  }
-  return built;
 }
 
 void write_table(const Env& env, LineJoiner& out, PyObject* header, Rows rows) {

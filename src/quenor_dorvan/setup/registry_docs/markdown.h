@@ -35,7 +35,6 @@ struct BuiltRows {
   std::vector<Ref> cells;
   std::vector<size_t> ends;  // where each row's cells end
 };
-BuiltRows build(Rows rows);
 
 // Appends `*_table(header, rows)` to `out`, with `_table` as bound now: our own writes the lines
 // natively (through `_row` as bound for each row), a replacement gets the rows as lazy iterators

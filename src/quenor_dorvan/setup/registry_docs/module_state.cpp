@@ -72,6 +72,14 @@ Ref type_from(PyObject* module, PyType_Spec& spec) {
 
 }  // namespace
 
+PyObject* State::function_name(const char* text) const {
+  for (const auto& [known, name] : function_names_) {
+    if (known == text) return name.get();
+  }
+  function_names_.emplace_back(text, own(PyUnicode_InternFromString(text)));
+  return function_names_.back().second.get();
+}
+
 State& state_of(PyObject* state_object) {
   return reinterpret_cast<StateObject*>(state_object)->state;
 }

@@ -2,6 +2,9 @@
 // the types it made. Every function object and every lazy row reaches it; nothing is kept per
 // process, so each interpreter that imports the module has its own.
 #pragma once
+#include <utility>
+#include <vector>
+
 #include "py.h"
 
 namespace registry_docs {
@@ -124,6 +127,11 @@ struct State {
   PyObject* object = nullptr;  // the object this state lives in, for what must keep it alive
 
   PyObject* name(Id id) const { return names[static_cast<int>(id)].get(); }
+  // A function's name or qualified name, interned once: a closure is made per tool and call.
+  PyObject* function_name(const char* text) const;
+
+ private:
+  mutable std::vector<std::pair<const char*, Ref>> function_names_;  // by the definition's text
 };
 
 // Makes the state object of a module being executed: its interned names and types are ready, the

@@ -1,27 +1,124 @@
 #include "py.h"
 
+#include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "compat.h"
 
 namespace registry_docs {
 
-TextWriter::TextWriter() {
-  _PyUnicodeWriter_Init(&writer_);
-  writer_.overallocate = 1;
+namespace {
+
+template <typename To, typename From>
+void convert(void* to, const void* from, Py_ssize_t length) {
+  auto* out = static_cast<To*>(to);
+  auto* in = static_cast<const From*>(from);
+  for (Py_ssize_t i = 0; i < length; ++i) out[i] = static_cast<To>(in[i]);
+}
+
+template <typename To>
+void convert_from(int from_kind, void* to, const void* from, Py_ssize_t length) {
+  switch (from_kind) {
+    case PyUnicode_1BYTE_KIND:
+      return convert<To, Py_UCS1>(to, from, length);
+    case PyUnicode_2BYTE_KIND:
+      return convert<To, Py_UCS2>(to, from, length);
+    default:
+      return convert<To, Py_UCS4>(to, from, length);
+  }
+}
+
+// Copies characters between storage kinds; a part of a wide str may go into a narrower result,
+// which holds every character of it.
+void convert_kind(int to_kind, void* to, int from_kind, const void* from, Py_ssize_t length) {
+  switch (to_kind) {
+    case PyUnicode_1BYTE_KIND:
+      return convert_from<Py_UCS1>(from_kind, to, from, length);
+    case PyUnicode_2BYTE_KIND:
+      return convert_from<Py_UCS2>(from_kind, to, from, length);
+    default:
+      return convert_from<Py_UCS4>(from_kind, to, from, length);
+  }
+}
+
+// Most pieces are a few characters (a separator, a word, a cell): two overlapping fixed-size
+// copies spare the call.
+inline void copy_bytes(char* out, const char* in, size_t bytes) {
+  if (bytes >= 8 && bytes <= 16) {
+    memcpy(out, in, 8);
+    memcpy(out + bytes - 8, in + bytes - 8, 8);
+  } else if (bytes >= 4 && bytes < 8) {
+    memcpy(out, in, 4);
+    memcpy(out + bytes - 4, in + bytes - 4, 4);
+  } else if (bytes >= 2 && bytes < 4) {
+    memcpy(out, in, 2);
+    memcpy(out + bytes - 2, in + bytes - 2, 2);
+  } else if (bytes == 1) {
+    *out = *in;
+  } else {
+    memcpy(out, in, bytes);
+  }
+}
+
+template <typename Char>
+Py_UCS4 widest_of(const Char* data, Py_ssize_t start, Py_ssize_t end) {
+  Py_UCS4 widest = 0;
+  for (Py_ssize_t i = start; i < end; ++i) widest = std::max<Py_UCS4>(widest, data[i]);
+  return widest;
+}
+
+// The widest character of `text[start:end]`.
+Py_UCS4 widest_in(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
+  switch (PyUnicode_KIND(text)) {
+    case PyUnicode_1BYTE_KIND:
+      return widest_of(PyUnicode_1BYTE_DATA(text), start, end);
+    case PyUnicode_2BYTE_KIND:
+      return widest_of(PyUnicode_2BYTE_DATA(text), start, end);
+    default:
+      return widest_of(PyUnicode_4BYTE_DATA(text), start, end);
+  }
+}
+
+}  // namespace
+
+template <typename F>
+void TextWriter::each(F f) {
+  Piece* inline_end = first_ ? inline_ + kInline : next_;
+  for (Piece* piece = inline_; piece != inline_end; ++piece) f(*piece);
+  for (Chunk* chunk = first_; chunk; chunk = chunk->next) {
+    Piece* end = chunk == last_ ? next_ : chunk->pieces() + chunk->capacity;
+    for (Piece* piece = chunk->pieces(); piece != end; ++piece) f(*piece);
+  }
 }
 
 TextWriter::~TextWriter() {
-  if (!finished_) _PyUnicodeWriter_Dealloc(&writer_);
+  each([](Piece& piece) { Py_XDECREF(piece.text); });
+  while (first_) PyMem_Free(std::exchange(first_, first_->next));
+}
+
+void TextWriter::grow() {
+  size_t capacity = last_ ? std::min<size_t>(last_->capacity * 2, 4096) : 32;
+  auto* chunk = static_cast<Chunk*>(PyMem_Malloc(sizeof(Chunk) + capacity * sizeof(Piece)));
+  if (!chunk) throw std::bad_alloc();
+  chunk->next = nullptr;
+  chunk->capacity = capacity;
+  (last_ ? last_->next : first_) = chunk;
+  last_ = chunk;
+  next_ = chunk->pieces();
+  end_ = next_ + capacity;
 }
 
 TextWriter& TextWriter::str(PyObject* text) {
-  check(_PyUnicodeWriter_WriteStr(&writer_, text));
-  return *this;
+  return substring(text, 0, PyUnicode_GET_LENGTH(text));
 }
 
 TextWriter& TextWriter::ascii(const char* text, Py_ssize_t size) {
-  check(_PyUnicodeWriter_WriteASCIIString(&writer_, text, size));
+  if (size > 0) {
+    add() = Piece{nullptr, text, size, PyUnicode_1BYTE_KIND};
+    length_ += size;
+    widest_ = std::max<Py_UCS4>(widest_, 127);
+  }
   return *this;
 }
 
@@ -35,13 +132,40 @@ TextWriter& TextWriter::number(Py_ssize_t n) {
 }
 
 TextWriter& TextWriter::substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
-  if (start < end) check(_PyUnicodeWriter_WriteSubstring(&writer_, text, start, end));
+  if (start >= end) return *this;
+  check(PyUnicode_READY(text));
+  int kind = PyUnicode_KIND(text);
+  const void* data = static_cast<const char*>(PyUnicode_DATA(text)) + start * kind;
+  add() = Piece{Ref::borrow(text).release(), data, end - start, kind};
+  length_ += end - start;
+  // The kind of a whole str tells its widest character closely enough to choose the result's
+  // kind; a part of one may be narrower, and the result must have the narrowest kind that holds it.
+  Py_UCS4 bound = PyUnicode_IS_ASCII(text) ? Py_UCS4{127} : PyUnicode_MAX_CHAR_VALUE(text);
+  if (bound > widest_) {
+    bool whole = start == 0 && end == PyUnicode_GET_LENGTH(text);
+    widest_ = std::max(widest_, whole ? bound : widest_in(text, start, end));
+  }
   return *this;
 }
 
 Ref TextWriter::finish() {
-  finished_ = true;
-  return own(_PyUnicodeWriter_Finish(&writer_));
+  if (count_ == 1 && inline_[0].text && PyUnicode_CheckExact(inline_[0].text) &&
+      inline_[0].length == PyUnicode_GET_LENGTH(inline_[0].text)) {
+    return Ref::borrow(inline_[0].text);
+  }
+  Ref result = own(PyUnicode_New(length_, widest_));
+  int kind = PyUnicode_KIND(result.get());
+  char* out = static_cast<char*>(PyUnicode_DATA(result.get()));
+  each([&](const Piece& piece) {
+    if (piece.kind == kind) {
+      copy_bytes(out, static_cast<const char*>(piece.data),
+                 static_cast<size_t>(piece.length) * static_cast<size_t>(kind));
+    } else {
+      convert_kind(kind, out, piece.kind, piece.data, piece.length);
+    }
+    out += piece.length * kind;
+  });
+  return result;
 }
 
 JoinWriter::JoinWriter(const char* separator)
@@ -139,10 +263,12 @@ Ref enclosed(char open, PyObject* text, char close) {
   Py_ssize_t size = PyUnicode_GET_LENGTH(text);
   Py_UCS4 widest = PyUnicode_IS_ASCII(text) ? 127 : PyUnicode_MAX_CHAR_VALUE(text);
   Ref result = own(PyUnicode_New(size + 2, widest));
+  // The result has the text's kind: its characters are copied as they are stored.
   int kind = PyUnicode_KIND(result.get());
   void* data = PyUnicode_DATA(result.get());
   PyUnicode_WRITE(kind, data, 0, static_cast<Py_UCS4>(open));
-  check(static_cast<int>(PyUnicode_CopyCharacters(result.get(), 1, text, 0, size)));
+  memcpy(static_cast<char*>(data) + kind, PyUnicode_DATA(text),
+         static_cast<size_t>(size) * static_cast<size_t>(kind));
   PyUnicode_WRITE(kind, data, size + 1, static_cast<Py_UCS4>(close));
   return result;
 }

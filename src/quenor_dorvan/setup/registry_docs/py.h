@@ -79,15 +79,18 @@ auto guarded(Body body, Failed failed) noexcept -> decltype(body()) {
   return failed;
 }
 
-// Builds one str from pieces without repeated concatenation.
+// Builds one str from pieces without repeated concatenation: the pieces are kept (a reference to
+// each str, a pointer to each literal) and copied once, into a str made at its exact size and
+// kind, when the text is finished.
 class TextWriter {
  public:
-  TextWriter();
+  TextWriter() = default;
   ~TextWriter();
   TextWriter(const TextWriter&) = delete;
   TextWriter& operator=(const TextWriter&) = delete;
 
   TextWriter& str(PyObject* text);  // text must be a str (any subclass)
+  // ASCII text that outlives the writer (a literal).
   TextWriter& ascii(const char* text, Py_ssize_t size);
   template <Py_ssize_t N>
   TextWriter& lit(const char (&text)[N]) {
@@ -100,8 +103,38 @@ class TextWriter {
   Ref finish();
 
  private:
-  _PyUnicodeWriter writer_;
-  bool finished_ = false;
+  struct Piece {
+    PyObject* text;    // the str the characters belong to, held by the writer; null for ASCII
+    const void* data;  // the first character
+    Py_ssize_t length;
+    int kind;  // the storage kind of the characters
+  };
+  // Pieces past the first few go into chunks that are chained, never moved: a table's text has
+  // thousands of pieces.
+  struct Chunk {
+    Chunk* next;
+    size_t capacity;
+    Piece* pieces() { return reinterpret_cast<Piece*>(this + 1); }
+  };
+  Piece& add() {
+    if (next_ == end_) grow();
+    ++count_;
+    return *next_++;
+  }
+  void grow();
+  // Calls f(piece) for each piece, in order.
+  template <typename F>
+  void each(F f);
+
+  static constexpr size_t kInline = 8;
+  Piece inline_[kInline];
+  Piece* next_ = inline_;
+  Piece* end_ = inline_ + kInline;
+  Chunk* first_ = nullptr;
+  Chunk* last_ = nullptr;
+  size_t count_ = 0;
+  Py_ssize_t length_ = 0;
+  Py_UCS4 widest_ = 0;
 };
 
 // Writes `separator.join(items)` item by item into one str. An item that is not a str is reported
