@@ -42,25 +42,6 @@ void convert_kind(int to_kind, void* to, int from_kind, const void* from, Py_ssi
   }
 }
 
-// Most pieces are a few characters (a separator, a word, a cell): two overlapping fixed-size
-// copies spare the call.
-inline void copy_bytes(char* out, const char* in, size_t bytes) {
-  if (bytes >= 8 && bytes <= 16) {
-    memcpy(out, in, 8);
-    memcpy(out + bytes - 8, in + bytes - 8, 8);
-  } else if (bytes >= 4 && bytes < 8) {
-    memcpy(out, in, 4);
-    memcpy(out + bytes - 4, in + bytes - 4, 4);
-  } else if (bytes >= 2 && bytes < 4) {
-    memcpy(out, in, 2);
-    memcpy(out + bytes - 2, in + bytes - 2, 2);
-  } else if (bytes == 1) {
-    *out = *in;
-  } else {
-    memcpy(out, in, bytes);
-  }
-}
-
 template <typename Char>
 Py_UCS4 widest_of(const Char* data, Py_ssize_t start, Py_ssize_t end) {
   Py_UCS4 widest = 0;
@@ -80,44 +61,77 @@ Py_UCS4 widest_in(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
   }
 }
 
+int kind_for(Py_UCS4 widest) {
+  return widest < 256     ? PyUnicode_1BYTE_KIND
+         : widest < 65536 ? PyUnicode_2BYTE_KIND
+                          : PyUnicode_4BYTE_KIND;
+}
+
 }  // namespace
 
-template <typename F>
-void TextWriter::each(F f) {
-  Piece* inline_end = first_ ? inline_ + kInline : next_;
-  for (Piece* piece = inline_; piece != inline_end; ++piece) f(*piece);
-  for (Chunk* chunk = first_; chunk; chunk = chunk->next) {
-    Piece* end = chunk == last_ ? next_ : chunk->pieces() + chunk->capacity;
-    for (Piece* piece = chunk->pieces(); piece != end; ++piece) f(*piece);
-  }
-}
-
 TextWriter::~TextWriter() {
-  each([](Piece& piece) { Py_XDECREF(piece.text); });
-  while (first_) PyMem_Free(std::exchange(first_, first_->next));
+  if (data_ != inline_) PyMem_Free(data_);
+  Py_XDECREF(sole_);
 }
 
-void TextWriter::grow() {
-  size_t capacity = last_ ? std::min<size_t>(last_->capacity * 2, 4096) : 32;
-  auto* chunk = static_cast<Chunk*>(PyMem_Malloc(sizeof(Chunk) + capacity * sizeof(Piece)));
-  if (!chunk) throw std::bad_alloc();
-  chunk->next = nullptr;
-  chunk->capacity = capacity;
-  (last_ ? last_->next : first_) = chunk;
-  last_ = chunk;
-  next_ = chunk->pieces();
-  end_ = next_ + capacity;
+// Room for `length` more characters at `kind` (at least the present one); a wider kind converts the
+// characters written so far.
+void TextWriter::grow(Py_ssize_t length, int kind) {
+  if (length > PY_SSIZE_T_MAX / 8 - length_) throw std::bad_alloc();
+  Py_ssize_t needed = (length_ + length) * kind;
+  // Past the inline buffer a text is likely a block or a file: start at a few pages.
+  Py_ssize_t capacity = std::max({needed, capacity_ * 2, Py_ssize_t{8192}});
+  char* data = nullptr;
+  if (kind == kind_ && data_ != inline_) {
+    data = static_cast<char*>(PyMem_Realloc(data_, static_cast<size_t>(capacity)));
+    if (!data) throw std::bad_alloc();
+  } else {
+    data = static_cast<char*>(PyMem_Malloc(static_cast<size_t>(capacity)));
+    if (!data) throw std::bad_alloc();
+    if (kind == kind_) {
+      memcpy(data, data_, static_cast<size_t>(length_ * kind_));
+    } else {
+      convert_kind(kind, data, kind_, data_, length_);
+    }
+    if (data_ != inline_) PyMem_Free(data_);
+  }
+  data_ = data;
+  capacity_ = capacity;
+  kind_ = kind;
 }
 
-TextWriter& TextWriter::str(PyObject* text) {
-  return substring(text, 0, PyUnicode_GET_LENGTH(text));
+void TextWriter::reserve(Py_ssize_t more) {
+  if ((length_ + more) * kind_ > capacity_) grow(more, kind_);
 }
 
-TextWriter& TextWriter::ascii(const char* text, Py_ssize_t size) {
+void TextWriter::write(const void* data, int kind, Py_ssize_t length, Py_UCS4 widest) {
+  if (widest > widest_) {
+    widest_ = widest;
+    int wider = kind_for(widest);
+    if (wider > kind_) grow(length, wider);
+  }
+  if ((length_ + length) * kind_ > capacity_) grow(length, kind_);
+  char* out = data_ + length_ * kind_;
+  if (kind == kind_) {
+    copy_chars(out, data, length * kind);
+  } else {
+    convert_kind(kind_, out, kind, data, length);
+  }
+  length_ += length;
+}
+
+// A second piece comes: the first, kept as it was, is copied in first.
+void TextWriter::flush_sole() {
+  PyObject* sole = std::exchange(sole_, nullptr);
+  Ref held = Ref::steal(sole);
+  write(PyUnicode_DATA(sole), PyUnicode_KIND(sole), PyUnicode_GET_LENGTH(sole),
+        PyUnicode_IS_ASCII(sole) ? Py_UCS4{127} : PyUnicode_MAX_CHAR_VALUE(sole));
+}
+
+TextWriter& TextWriter::ascii_slow(const char* text, Py_ssize_t size) {
   if (size > 0) {
-    add() = Piece{nullptr, text, size, PyUnicode_1BYTE_KIND};
-    length_ += size;
-    widest_ = std::max<Py_UCS4>(widest_, 127);
+    if (sole_) flush_sole();
+    write(text, PyUnicode_1BYTE_KIND, size, 127);
   }
   return *this;
 }
@@ -131,40 +145,28 @@ TextWriter& TextWriter::number(Py_ssize_t n) {
   return str(str_of(own(PyLong_FromSsize_t(n)).get()).get());
 }
 
-TextWriter& TextWriter::substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
+TextWriter& TextWriter::substring_slow(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
   if (start >= end) return *this;
   check(PyUnicode_READY(text));
+  bool whole = start == 0 && end == PyUnicode_GET_LENGTH(text);
+  if (whole && length_ == 0 && !sole_ && PyUnicode_CheckExact(text)) {
+    sole_ = Ref::borrow(text).release();
+    return *this;
+  }
+  if (sole_) flush_sole();
   int kind = PyUnicode_KIND(text);
-  const void* data = static_cast<const char*>(PyUnicode_DATA(text)) + start * kind;
-  add() = Piece{Ref::borrow(text).release(), data, end - start, kind};
-  length_ += end - start;
   // The kind of a whole str tells its widest character closely enough to choose the result's
   // kind; a part of one may be narrower, and the result must have the narrowest kind that holds it.
   Py_UCS4 bound = PyUnicode_IS_ASCII(text) ? Py_UCS4{127} : PyUnicode_MAX_CHAR_VALUE(text);
-  if (bound > widest_) {
-    bool whole = start == 0 && end == PyUnicode_GET_LENGTH(text);
-    widest_ = std::max(widest_, whole ? bound : widest_in(text, start, end));
-  }
+  if (bound > widest_ && !whole) bound = widest_in(text, start, end);
+  write(static_cast<const char*>(PyUnicode_DATA(text)) + start * kind, kind, end - start, bound);
   return *this;
 }
 
 Ref TextWriter::finish() {
-  if (count_ == 1 && inline_[0].text && PyUnicode_CheckExact(inline_[0].text) &&
-      inline_[0].length == PyUnicode_GET_LENGTH(inline_[0].text)) {
-    return Ref::borrow(inline_[0].text);
-  }
+  if (sole_) return Ref::steal(std::exchange(sole_, nullptr));
   Ref result = own(PyUnicode_New(length_, widest_));
-  int kind = PyUnicode_KIND(result.get());
-  char* out = static_cast<char*>(PyUnicode_DATA(result.get()));
-  each([&](const Piece& piece) {
-    if (piece.kind == kind) {
-      copy_bytes(out, static_cast<const char*>(piece.data),
-                 static_cast<size_t>(piece.length) * static_cast<size_t>(kind));
-    } else {
-      convert_kind(kind, out, piece.kind, piece.data, piece.length);
-    }
-    out += piece.length * kind;
-  });
+  memcpy(PyUnicode_DATA(result.get()), data_, static_cast<size_t>(length_ * kind_));
   return result;
 }
 

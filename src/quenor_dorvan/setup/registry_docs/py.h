@@ -3,6 +3,7 @@
 #pragma once
 #include <Python.h>
 
+#include <cstring>
 #include <initializer_list>
 #include <new>
 #include <utility>
@@ -79,9 +80,9 @@ auto guarded(Body body, Failed failed) noexcept -> decltype(body()) {
   return failed;
 }
 
-// Builds one str from pieces without repeated concatenation: the pieces are kept (a reference to
-// each str, a pointer to each literal) and copied once, into a str made at its exact size and
-// kind, when the text is finished.
+// Builds one str without repeated concatenation: characters are copied as they come into one
+// buffer of the narrowest kind that holds them so far, and once more into a str of exact size and
+// kind when the text is finished. A text made of one whole str alone is that str.
 class TextWriter {
  public:
   TextWriter() = default;
@@ -89,9 +90,20 @@ class TextWriter {
   TextWriter(const TextWriter&) = delete;
   TextWriter& operator=(const TextWriter&) = delete;
 
-  TextWriter& str(PyObject* text);  // text must be a str (any subclass)
-  // ASCII text that outlives the writer (a literal).
-  TextWriter& ascii(const char* text, Py_ssize_t size);
+  TextWriter& str(PyObject* text) {  // text must be a str (any subclass)
+    return substring(text, 0, PyUnicode_GET_LENGTH(text));
+  }
+  // ASCII text (copied at once).
+  TextWriter& ascii(const char* text, Py_ssize_t size) {
+    if (kind_ == PyUnicode_1BYTE_KIND && !sole_ && size <= capacity_ - length_) {
+      if (size <= 0) return *this;
+      copy_chars(data_ + length_, text, size);
+      length_ += size;
+      if (widest_ < 127) widest_ = 127;
+      return *this;
+    }
+    return ascii_slow(text, size);
+  }
   template <Py_ssize_t N>
   TextWriter& lit(const char (&text)[N]) {
     return ascii(text, N - 1);
@@ -99,42 +111,55 @@ class TextWriter {
   // What an f-string writes for a replacement field without a spec: `format(value)`.
   TextWriter& format(PyObject* value);
   TextWriter& number(Py_ssize_t n);
-  TextWriter& substring(PyObject* text, Py_ssize_t start, Py_ssize_t end);
+  TextWriter& substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
+    // The common case inline: one-byte characters, no wider than those written so far, and room.
+    if (start < end && kind_ == PyUnicode_1BYTE_KIND && length_ > 0 && PyUnicode_IS_READY(text) &&
+        PyUnicode_KIND(text) == PyUnicode_1BYTE_KIND && end - start <= capacity_ - length_ &&
+        (PyUnicode_IS_ASCII(text) ? widest_ >= 127 : widest_ >= 255)) {
+      copy_chars(data_ + length_, PyUnicode_1BYTE_DATA(text) + start, end - start);
+      length_ += end - start;
+      return *this;
+    }
+    return substring_slow(text, start, end);
+  }
+  // Room for this many more characters of the present kind, to spare the growing of a long text.
+  void reserve(Py_ssize_t more);
   Ref finish();
 
  private:
-  struct Piece {
-    PyObject* text;    // the str the characters belong to, held by the writer; null for ASCII
-    const void* data;  // the first character
-    Py_ssize_t length;
-    int kind;  // the storage kind of the characters
-  };
-  // Pieces past the first few go into chunks that are chained, never moved: a table's text has
-  // thousands of pieces.
-  struct Chunk {
-    Chunk* next;
-    size_t capacity;
-    Piece* pieces() { return reinterpret_cast<Piece*>(this + 1); }
-  };
-  Piece& add() {
-    if (next_ == end_) grow();
-    ++count_;
-    return *next_++;
+  // Copies `length` characters stored at `kind`, none wider than `widest`.
+  void write(const void* data, int kind, Py_ssize_t length, Py_UCS4 widest);
+  TextWriter& ascii_slow(const char* text, Py_ssize_t size);
+  TextWriter& substring_slow(PyObject* text, Py_ssize_t start, Py_ssize_t end);
+  // Most pieces are a few characters (a separator, a word, a cell): overlapping fixed-size copies
+  // spare the call.
+  static void copy_chars(char* out, const void* from, Py_ssize_t size) {
+    auto* in = static_cast<const char*>(from);
+    if (size >= 8 && size <= 16) {
+      memcpy(out, in, 8);
+      memcpy(out + size - 8, in + size - 8, 8);
+    } else if (size >= 4 && size < 8) {
+      memcpy(out, in, 4);
+      memcpy(out + size - 4, in + size - 4, 4);
+    } else if (size < 4) {
+      if (size > 0) out[0] = in[0];
+      if (size > 1) out[1] = in[1];
+      if (size > 2) out[2] = in[2];
+    } else {
+      memcpy(out, in, static_cast<size_t>(size));
+    }
   }
-  void grow();
-  // Calls f(piece) for each piece, in order.
-  template <typename F>
-  void each(F f);
+  void grow(Py_ssize_t length, int kind);
+  void flush_sole();
 
-  static constexpr size_t kInline = 8;
-  Piece inline_[kInline];
-  Piece* next_ = inline_;
-  Piece* end_ = inline_ + kInline;
-  Chunk* first_ = nullptr;
-  Chunk* last_ = nullptr;
-  size_t count_ = 0;
-  Py_ssize_t length_ = 0;
+  static constexpr Py_ssize_t kInline = 240;  // bytes: most cells and short lines fit
+  char inline_[kInline];
+  char* data_ = inline_;
+  Py_ssize_t capacity_ = kInline;  // bytes
+  Py_ssize_t length_ = 0;          // characters
+  int kind_ = PyUnicode_1BYTE_KIND;
   Py_UCS4 widest_ = 0;
+  PyObject* sole_ = nullptr;  // the first piece while it is a whole exact str alone, not yet copied
 };
 
 // Writes `separator.join(items)` item by item into one str. An item that is not a str is reported
@@ -147,6 +172,7 @@ class JoinWriter {
   // Starts the next item and gives the writer for its pieces; null once an earlier item was not a
   // str, when the remaining items are only counted.
   TextWriter* start();
+  void reserve(Py_ssize_t more) { writer_.reserve(more); }
   Ref finish();
 
  private:
