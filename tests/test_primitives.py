@@ -1,5 +1,6 @@
 """Markdown primitives (code spans, cells, rows, tables, values) and the tool listing."""
 
+import sys
 import unittest
 
 from support import docs, param, rebound, tool
@@ -43,6 +44,17 @@ class MarkdownTest(unittest.TestCase):
         value = docs._value
         with rebound(_value=lambda item: f"<{item}>"):
             self.assertEqual(value([1, [2]]), "<1>, <[2]>")
+
+    def test_long_rows_keep_every_character_in_the_narrowest_kind(self):
+        # Past a short row's own buffer and past the first chunks, a wider character late in the
+        # text must widen all that came before it; a narrow text must stay narrow.
+        long = "x" * 70_000
+        for cells in ([long, "y"], [long, "é"], ["é" + long, "名", long, "\U0001f600"],
+                      [long, long[:100], "ÿ"], ["\U0010ffff", long * 2]):
+            expected = "| " + " | ".join(cells) + " |"
+            row = docs._row(cells)
+            self.assertEqual(row, expected)
+            self.assertEqual(sys.getsizeof(row), sys.getsizeof(expected), [c[-1] for c in cells])
 
     def test_cell_whitespace_is_str_split_whitespace(self):
         # Every code point, between words and next to a space, in each of str's storage widths.

@@ -101,7 +101,6 @@ Ref replace_scanned(const Env& env, PyObject* text, const std::vector<MarkedBloc
   // Without a match `sub` hands back the text itself (a copy for a str subclass).
   if (blocks.empty()) return substring(text, 0, size);
   JoinWriter result("");
-  result.reserve(size);  // a file keeps about its size when its blocks are rendered again
   Py_ssize_t done = 0;
   for (const MarkedBlock& block : blocks) {
     sub_stretch(result, text, done, block.open_start);

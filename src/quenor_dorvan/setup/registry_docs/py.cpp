@@ -1,6 +1,7 @@
 #include "py.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -69,39 +70,108 @@ int kind_for(Py_UCS4 widest) {
 
 }  // namespace
 
+namespace {
+
+// Chunks of the usual size are kept for the next text, up to a bound, rather than given back: a
+// freed run of them at the top of the heap would be returned to the system, and the next text
+// would take every page afresh. Plain malloc, so that no interpreter's allocator is involved.
+constexpr size_t kChunkBytes = 64 * 1024 - 64;
+constexpr int kKeptChunks = 32;
+
+struct ChunkCache {
+  void* free = nullptr;  // each kept chunk starts with the pointer to the next
+  int count = 0;
+  ~ChunkCache() {
+    while (free) std::free(std::exchange(free, *static_cast<void**>(free)));
+  }
+};
+thread_local ChunkCache chunk_cache;
+
+void* take_chunk(size_t bytes) {
+  if (bytes == kChunkBytes && chunk_cache.free) {
+    --chunk_cache.count;
+    return std::exchange(chunk_cache.free, *static_cast<void**>(chunk_cache.free));
+  }
+  void* chunk = std::malloc(bytes);
+  if (!chunk) throw std::bad_alloc();
+  return chunk;
+}
+
+void give_back_chunk(void* chunk, size_t bytes) {
+  if (bytes == kChunkBytes && chunk_cache.count < kKeptChunks) {
+    *static_cast<void**>(chunk) = chunk_cache.free;
+    chunk_cache.free = chunk;
+    ++chunk_cache.count;
+    return;
+  }
+  std::free(chunk);
+}
+
+}  // namespace
+
+void TextWriter::free_chunks() {
+  while (first_) {
+    Chunk* chunk = std::exchange(first_, first_->next);
+    give_back_chunk(chunk, sizeof(Chunk) + static_cast<size_t>(chunk->capacity));
+  }
+}
+
 TextWriter::~TextWriter() {
-  if (data_ != inline_) PyMem_Free(data_);
+  free_chunks();
   Py_XDECREF(sole_);
 }
 
-// Room for `length` more characters at `kind` (at least the present one); a wider kind converts the
-// characters written so far.
-void TextWriter::grow(Py_ssize_t length, int kind) {
-  if (length > PY_SSIZE_T_MAX / 8 - length_) throw std::bad_alloc();
-  Py_ssize_t needed = (length_ + length) * kind;
-  // Past the inline buffer a text is likely a block or a file: start at a few pages.
-  Py_ssize_t capacity = std::max({needed, capacity_ * 2, Py_ssize_t{8192}});
-  char* data = nullptr;
-  if (kind == kind_ && data_ != inline_) {
-    data = static_cast<char*>(PyMem_Realloc(data_, static_cast<size_t>(capacity)));
-    if (!data) throw std::bad_alloc();
-  } else {
-    data = static_cast<char*>(PyMem_Malloc(static_cast<size_t>(capacity)));
-    if (!data) throw std::bad_alloc();
-    if (kind == kind_) {
-      memcpy(data, data_, static_cast<size_t>(length_ * kind_));
-    } else {
-      convert_kind(kind, data, kind_, data_, length_);
-    }
-    if (data_ != inline_) PyMem_Free(data_);
+template <typename F>
+void TextWriter::each(F f) {
+  if (!first_) {
+    f(inline_, pos_ - inline_);
+    return;
   }
-  data_ = data;
-  capacity_ = capacity;
-  kind_ = kind;
+  f(inline_, inline_used_);
+  for (Chunk* chunk = first_; chunk; chunk = chunk->next) {
+    f(chunk->data(), chunk == last_ ? pos_ - chunk->data() : chunk->used);
+  }
 }
 
-void TextWriter::reserve(Py_ssize_t more) {
-  if ((length_ + more) * kind_ > capacity_) grow(more, kind_);
+Py_ssize_t TextWriter::length() const {
+  const char* start = last_ ? last_->data() : inline_;
+  return before_ + (pos_ - start) / kind_;
+}
+
+void TextWriter::grow(Py_ssize_t length, int kind) {
+  Py_ssize_t written = this->length();
+  if (length > PY_SSIZE_T_MAX / 8 - written) throw std::bad_alloc();
+  // A piece longer than a chunk gets one of its own size.
+  constexpr auto kChunk = static_cast<Py_ssize_t>(kChunkBytes - sizeof(Chunk));
+  bool wider = kind != kind_;
+  Py_ssize_t bytes = std::max((wider ? written + length : length) * kind, kChunk);
+  auto* chunk = static_cast<Chunk*>(take_chunk(sizeof(Chunk) + static_cast<size_t>(bytes)));
+  chunk->next = nullptr;
+  chunk->used = 0;
+  chunk->capacity = bytes;
+  char* out = chunk->data();
+  if (wider) {
+    // Rare: every character so far is converted into the new chunk, which replaces the others.
+    each([&](const char* data, Py_ssize_t size) {
+      convert_kind(kind, out, kind_, data, size / kind_);
+      out += size / kind_ * kind;
+    });
+    free_chunks();
+    last_ = nullptr;
+    inline_used_ = 0;
+    before_ = 0;
+  } else if (last_) {
+    last_->used = pos_ - last_->data();
+    before_ = written;
+  } else {
+    inline_used_ = pos_ - inline_;
+    before_ = written;
+  }
+  (last_ ? last_->next : first_) = chunk;
+  last_ = chunk;
+  pos_ = out;
+  end_ = chunk->data() + bytes;
+  kind_ = kind;
 }
 
 void TextWriter::write(const void* data, int kind, Py_ssize_t length, Py_UCS4 widest) {
@@ -110,14 +180,13 @@ void TextWriter::write(const void* data, int kind, Py_ssize_t length, Py_UCS4 wi
     int wider = kind_for(widest);
     if (wider > kind_) grow(length, wider);
   }
-  if ((length_ + length) * kind_ > capacity_) grow(length, kind_);
-  char* out = data_ + length_ * kind_;
+  if (length * kind_ > end_ - pos_) grow(length, kind_);
   if (kind == kind_) {
-    copy_chars(out, data, length * kind);
+    copy_chars(pos_, data, length * kind);
   } else {
-    convert_kind(kind_, out, kind, data, length);
+    convert_kind(kind_, pos_, kind, data, length);
   }
-  length_ += length;
+  pos_ += length * kind_;
 }
 
 // A second piece comes: the first, kept as it was, is copied in first.
@@ -149,7 +218,7 @@ TextWriter& TextWriter::substring_slow(PyObject* text, Py_ssize_t start, Py_ssiz
   if (start >= end) return *this;
   check(PyUnicode_READY(text));
   bool whole = start == 0 && end == PyUnicode_GET_LENGTH(text);
-  if (whole && length_ == 0 && !sole_ && PyUnicode_CheckExact(text)) {
+  if (whole && pos_ == inline_ && !sole_ && PyUnicode_CheckExact(text)) {
     sole_ = Ref::borrow(text).release();
     return *this;
   }
@@ -165,8 +234,12 @@ TextWriter& TextWriter::substring_slow(PyObject* text, Py_ssize_t start, Py_ssiz
 
 Ref TextWriter::finish() {
   if (sole_) return Ref::steal(std::exchange(sole_, nullptr));
-  Ref result = own(PyUnicode_New(length_, widest_));
-  memcpy(PyUnicode_DATA(result.get()), data_, static_cast<size_t>(length_ * kind_));
+  Ref result = own(PyUnicode_New(length(), widest_));
+  char* out = static_cast<char*>(PyUnicode_DATA(result.get()));
+  each([&](const char* data, Py_ssize_t size) {
+    memcpy(out, data, static_cast<size_t>(size));
+    out += size;
+  });
   return result;
 }
 

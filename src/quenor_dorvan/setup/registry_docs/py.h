@@ -80,9 +80,11 @@ auto guarded(Body body, Failed failed) noexcept -> decltype(body()) {
   return failed;
 }
 
-// Builds one str without repeated concatenation: characters are copied as they come into one
-// buffer of the narrowest kind that holds them so far, and once more into a str of exact size and
-// kind when the text is finished. A text made of one whole str alone is that str.
+// Builds one str without repeated concatenation: characters are copied as they come, into a small
+// buffer of its own and then into chunks, in the narrowest kind that holds those written so far,
+// and copied once more into a str of exact size and kind at the end. Chunks of bounded size are
+// reused by the allocator from one text to the next, where one growing buffer would take fresh
+// pages. A text made of one whole str alone is that str.
 class TextWriter {
  public:
   TextWriter() = default;
@@ -95,10 +97,10 @@ class TextWriter {
   }
   // ASCII text (copied at once).
   TextWriter& ascii(const char* text, Py_ssize_t size) {
-    if (kind_ == PyUnicode_1BYTE_KIND && !sole_ && size <= capacity_ - length_) {
+    if (kind_ == PyUnicode_1BYTE_KIND && !sole_ && size <= end_ - pos_) {
       if (size <= 0) return *this;
-      copy_chars(data_ + length_, text, size);
-      length_ += size;
+      copy_chars(pos_, text, size);
+      pos_ += size;
       if (widest_ < 127) widest_ = 127;
       return *this;
     }
@@ -113,20 +115,27 @@ class TextWriter {
   TextWriter& number(Py_ssize_t n);
   TextWriter& substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
     // The common case inline: one-byte characters, no wider than those written so far, and room.
-    if (start < end && kind_ == PyUnicode_1BYTE_KIND && length_ > 0 && PyUnicode_IS_READY(text) &&
-        PyUnicode_KIND(text) == PyUnicode_1BYTE_KIND && end - start <= capacity_ - length_ &&
+    // (Nothing written yet takes the other path, which may keep a whole str as it is.)
+    if (start < end && kind_ == PyUnicode_1BYTE_KIND && pos_ != inline_ &&
+        PyUnicode_IS_READY(text) && PyUnicode_KIND(text) == PyUnicode_1BYTE_KIND &&
+        end - start <= end_ - pos_ &&
         (PyUnicode_IS_ASCII(text) ? widest_ >= 127 : widest_ >= 255)) {
-      copy_chars(data_ + length_, PyUnicode_1BYTE_DATA(text) + start, end - start);
-      length_ += end - start;
+      copy_chars(pos_, PyUnicode_1BYTE_DATA(text) + start, end - start);
+      pos_ += end - start;
       return *this;
     }
     return substring_slow(text, start, end);
   }
-  // Room for this many more characters of the present kind, to spare the growing of a long text.
-  void reserve(Py_ssize_t more);
   Ref finish();
 
  private:
+  struct Chunk {
+    Chunk* next;
+    Py_ssize_t used;      // bytes
+    Py_ssize_t capacity;  // bytes
+    char* data() { return reinterpret_cast<char*>(this + 1); }
+  };
+
   // Copies `length` characters stored at `kind`, none wider than `widest`.
   void write(const void* data, int kind, Py_ssize_t length, Py_UCS4 widest);
   TextWriter& ascii_slow(const char* text, Py_ssize_t size);
@@ -149,14 +158,23 @@ class TextWriter {
       memcpy(out, in, static_cast<size_t>(size));
     }
   }
+  // Room for `length` more characters at `kind`, at least the present one.
   void grow(Py_ssize_t length, int kind);
+  // Calls f(data, bytes) for each stretch written, in order.
+  template <typename F>
+  void each(F f);
+  Py_ssize_t length() const;  // characters
+  void free_chunks();
   void flush_sole();
 
   static constexpr Py_ssize_t kInline = 240;  // bytes: most cells and short lines fit
   char inline_[kInline];
-  char* data_ = inline_;
-  Py_ssize_t capacity_ = kInline;  // bytes
-  Py_ssize_t length_ = 0;          // characters
+  Py_ssize_t inline_used_ = 0;  // bytes, once writing has moved on to the chunks
+  char* pos_ = inline_;         // where the next character goes
+  char* end_ = inline_ + kInline;
+  Chunk* first_ = nullptr;
+  Chunk* last_ = nullptr;  // the chunk pos_ is in, if any
+  Py_ssize_t before_ = 0;  // characters in the stretches before pos_'s
   int kind_ = PyUnicode_1BYTE_KIND;
   Py_UCS4 widest_ = 0;
   PyObject* sole_ = nullptr;  // the first piece while it is a whole exact str alone, not yet copied
@@ -172,7 +190,6 @@ class JoinWriter {
   // Starts the next item and gives the writer for its pieces; null once an earlier item was not a
   // str, when the remaining items are only counted.
   TextWriter* start();
-  void reserve(Py_ssize_t more) { writer_.reserve(more); }
   Ref finish();
 
  private:
