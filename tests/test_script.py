@@ -31,7 +31,9 @@ def environment(root, **names):
 
 def run(root, *args, env=None, whole=True):
     done = subprocess.run([sys.executable, "-X", "dev", str(root / SCRIPT), *args],
-                          capture_output=True, encoding="utf-8", env=env or environment(root))
+                          capture_output=True, env=env or environment(root))
+    # Decoded by hand: text mode would turn the "\r\n" of a diff line into "\n".
+    done.stdout, done.stderr = done.stdout.decode(), done.stderr.decode()
     return (done.returncode, done.stdout, done.stderr) if whole else done
 
 
@@ -59,6 +61,9 @@ class ScriptTest(unittest.TestCase):
                 text = mcp.read_text(encoding="utf-8")
                 mcp.write_text(text[:text.index(" -->", text.rindex("<!-- /registry:")) + 4],
                                encoding="utf-8")
+                # A CRLF file: --write leaves it with "\n" line ends, and the diff says so.
+                template = tree / "docs/claude-instructions-template.md"
+                template.write_bytes(template.read_bytes().replace(b"\n", b"\r\n"))
             report = lines(docs.stale_blocks(root))
             self.assertEqual((run(root, "--check")), (1, report, ""))
 

@@ -107,7 +107,7 @@ def _unified_diff(path: str, old: str, new: str) -> Iterator[str]:
 
 
 def _changes(root: Path) -> list[tuple[str, str, str]]:
-    """Each maintained file that would change: its path, its text and its text rendered anew.
+    """Each maintained file that would change: its path, its text on disk and as rendered anew.
 
     Rendering every file first finds each error that is not a stale block, with the file it is in.
     """
@@ -118,10 +118,14 @@ def _changes(root: Path) -> list[tuple[str, str, str]]:
         try:
             text = _read(root, generated)
             rendered = render_file(text, generated)
+            if rendered != text:
+                # The diff starts from the file as it stands: `_read` turns "\r\n" into "\n",
+                # and --write writes "\n", so every line of a CRLF file changes.
+                with open(root / generated.path, encoding="utf-8", newline="") as file:
+                    on_disk = file.read()
+                changes.append((generated.path, on_disk, rendered))
         except (OSError, ValueError) as error:
             raise _Failure(_describe(error, generated.path)) from error
-        if rendered != text:
-            changes.append((generated.path, text, rendered))
     return changes
 
 
