@@ -44,75 +44,81 @@ PyObject* shown(const Env& env, Shown which) {
 
 // `iter(ordered_tools())`, as a generator expression takes its iterable when it is made.
 Ref iter_ordered_tools(const Env& env) {
-  return own(PyObject_GetIter(call_global(env, Id::ordered_tools, {}).get()));
-}
-
-// `(row(tool) for tool in tools)`.
-Rows rows_of(Env env, Ref tools, Cells (*row)(Env, Ref)) {
-  while (Ref tool = next(tools.get())) co_yield row(env, std::move(tool));
+  return own(PyObject_GetIter(lookup(env, Id::ordered_tools)().get()));
 }
 
 // A body made of one line, an empty line and a table.
-Ref line_then_table(const Env& env, PyObject* line, PyObject* header, Rows rows) {
+Ref line_then_table(const Env& env, PyObject* line, PyObject* header, PyObject* rows) {
   LineJoiner out;
   out.line(line);
   out.line(env.name(Id::empty));
-  write_table(env, out, header, std::move(rows));
+  write_table(env, out, header, rows);
   return out.finish();
 }
 
-Cells skill_row(Env env, Ref tool) {
-  co_yield call_on_field(env, Id::code, tool.get(), Id::name);
-  co_yield call_global(env, Id::actions_cell, tool.get(), shown(env, kOneCall));
-  co_yield call_on_field(env, Id::cell, tool.get(), Id::mcp_text);
+// `tool.tier.capitalize()`.
+Ref capitalized_tier(const Env& env, PyObject* tool) {
+  return env.method(env.attr(tool, Id::tier).get(), Id::capitalize, {});
+}
+
+Ref skill_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
+  switch (cell) {
+    case 0:
+      return lookup(env, Id::code)(env.attr(tool, Id::name));
+    case 1:
+      return lookup(env, Id::actions_cell)(tool, shown(env, kOneCall));
+    case 2:
+      return lookup(env, Id::cell)(env.attr(tool, Id::mcp_text));
+    default:
+      return Ref();
+  }
 }
 
 Ref skill_tools_block_body(const Env& env, PyObject* const*) {
-  Ref tools = iter_ordered_tools(env);
+  Ref rows = lazy_rows(env, iter_ordered_tools(env), skill_row);
   Ref heading = TextWriter()
                     .lit("## Tool reference (")
-                    .number(host::tool_count(env))
+                    .number(tool_count(env))
                     .lit(" tools; MCP name = CLI `quenor-dorvan query <tool>`)")
                     .finish();
-  return line_then_table(env, heading.get(), shown(env, kSkillHeader),
-                         rows_of(env, std::move(tools), skill_row));
-}
-
-// `_actions_cell(tool, _NONE)`.
-Ref actions_with_none(const Env& env, PyObject* tool) {
-  Ref actions_cell = lookup(env, Id::actions_cell);
-  return call_found(actions_cell.get(), {tool, lookup(env, Id::NONE).get()});
+  return line_then_table(env, heading.get(), shown(env, kSkillHeader), rows.get());
 }
 
 // `"**" + tool.tier.capitalize() + "**"`: concatenated with `+`, not formatted.
 Ref bold_tier(const Env& env, PyObject* tool) {
-  Ref tier = capitalized(env, host::tier(env, tool).get());
-  Ref opened = own(PyNumber_Add(shown(env, kStars), tier.get()));
+  Ref opened = own(PyNumber_Add(shown(env, kStars), capitalized_tier(env, tool).get()));
   return own(PyNumber_Add(opened.get(), shown(env, kStars)));
 }
 
-Cells readme_row(Env env, Ref tool) {
-  co_yield bold_tier(env, tool.get());
-  co_yield call_on_field(env, Id::code, tool.get(), Id::name);
-  co_yield actions_with_none(env, tool.get());
-  co_yield call_on_field(env, Id::cell, tool.get(), Id::summary);
+Ref readme_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
+  switch (cell) {
+    case 0:
+      return bold_tier(env, tool);
+    case 1:
+      return lookup(env, Id::code)(env.attr(tool, Id::name));
+    case 2:
+      return lookup(env, Id::actions_cell)(tool, lookup(env, Id::NONE));
+    case 3:
+      return lookup(env, Id::cell)(env.attr(tool, Id::summary));
+    default:
+      return Ref();
+  }
 }
 
 Ref readme_tools_block_body(const Env& env, PyObject* const*) {
-  Ref tools = iter_ordered_tools(env);
+  Ref rows = lazy_rows(env, iter_ordered_tools(env), readme_row);
   TextWriter line;
-  line.number(host::tool_count(env)).lit(" tools for code intelligence, ");
-  line.format(call_global(env, Id::tier_counts, {}).get());
+  line.number(tool_count(env)).lit(" tools for code intelligence, ");
+  line.format(lookup(env, Id::tier_counts)().get());
   line.lit(". A tool with actions takes an `action` parameter that selects one.");
-  return line_then_table(env, line.finish().get(), shown(env, kReadmeHeader),
-                         rows_of(env, std::move(tools), readme_row));
+  return line_then_table(env, line.finish().get(), shown(env, kReadmeHeader), rows.get());
 }
 
 Ref mcp_intro_block_body(const Env& env, PyObject* const*) {
   TextWriter out;
-  out.lit("Complete reference for the **").number(host::tool_count(env));
+  out.lit("Complete reference for the **").number(tool_count(env));
   out.lit(" MCP tools** provided by Quenor Dorvan, ");
-  out.format(call_global(env, Id::tier_counts, {}).get());
+  out.format(lookup(env, Id::tier_counts)().get());
   out.lit(
       ".\n\nEach tool groups related functionality behind a single endpoint; a tool with actions "
       "takes an `action` parameter that selects the operation.");
@@ -122,34 +128,37 @@ Ref mcp_intro_block_body(const Env& env, PyObject* const*) {
 // "- **Core** (8 tools): `a`, `b`": one tier's line of the overview.
 Ref tier_line(const Env& env, PyObject* tier) {
   TextWriter prefix;
-  prefix.lit("- **").format(capitalized(env, tier).get()).lit("** (");
-  prefix.number(check_size(PyObject_Size(call_global(env, Id::tier_tools, {tier}).get())));
+  prefix.lit("- **").format(env.method(tier, Id::capitalize, {}).get()).lit("** (");
+  prefix.number(check_size(PyObject_Size(lookup(env, Id::tier_tools)(tier).get())));
   prefix.lit(" tools): ");
   Ref head = prefix.finish();
-  Ref names = code_spans(env, call_global(env, Id::tier_tools, {tier}).get(), ", ", true);
+  Ref names = code_spans(env, lookup(env, Id::tier_tools)(tier).get(), ", ", true);
   return own(PyUnicode_Concat(head.get(), names.get()));
 }
 
-Cells overview_row(Env env, Py_ssize_t number, Ref tool) {
-  co_yield str_of(own(PyLong_FromSsize_t(number)).get());
-  co_yield call_on_field(env, Id::code, tool.get(), Id::name);
-  co_yield actions_with_none(env, tool.get());
-  co_yield capitalized(env, host::tier(env, tool.get()).get());
-  co_yield call_on_field(env, Id::cell, tool.get(), Id::summary);
-}
-
-// `(row(number, tool) for number, tool in enumerate(tools, 1))`.
-Rows overview_rows(Env env, Ref tools) {
-  Py_ssize_t number = 0;
-  while (Ref tool = next(tools.get())) co_yield overview_row(env, ++number, std::move(tool));
+Ref overview_row(const Env& env, PyObject* tool, Py_ssize_t number, int cell) {
+  switch (cell) {
+    case 0:
+      return str_of(own(PyLong_FromSsize_t(number)).get());
+    case 1:
+      return lookup(env, Id::code)(env.attr(tool, Id::name));
+    case 2:
+      return lookup(env, Id::actions_cell)(tool, lookup(env, Id::NONE));
+    case 3:
+      return capitalized_tier(env, tool);
+    case 4:
+      return lookup(env, Id::cell)(env.attr(tool, Id::summary));
+    default:
+      return Ref();
+  }
 }
 
 Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
-  Ref tools = iter_ordered_tools(env);
+  Ref rows = lazy_rows(env, iter_ordered_tools(env), overview_row);
   Ref tier_lines =
-      collect(host::tiers(env).get(), [&](PyObject* tier) { return tier_line(env, tier); });
+      collect(lookup(env, Id::TIERS).get(), [&](PyObject* tier) { return tier_line(env, tier); });
   LineJoiner out;
-  write_table(env, out, shown(env, kOverviewHeader), overview_rows(env, std::move(tools)));
+  write_table(env, out, shown(env, kOverviewHeader), rows.get());
   out.line(env.name(Id::empty));
   out.line(shown(env, kTiersTitle));
   out.line(env.name(Id::empty));
@@ -157,36 +166,35 @@ Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
   return out.finish();
 }
 
-// `_code(cli_usage(tool))`.
-Ref usage_cell(const Env& env, PyObject* tool) {
-  Ref code = lookup(env, Id::code);
-  return call_found(code.get(), {call_global(env, Id::cli_usage, {tool}).get()});
-}
-
-Cells cli_row(Env env, Ref tool) {
-  co_yield call_on_field(env, Id::code, tool.get(), Id::name);
-  co_yield usage_cell(env, tool.get());
+Ref cli_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
+  switch (cell) {
+    case 0:
+      return lookup(env, Id::code)(env.attr(tool, Id::name));
+    case 1:
+      return lookup(env, Id::code)(lookup(env, Id::cli_usage)(tool));
+    default:
+      return Ref();
+  }
 }
 
 Ref mcp_cli_block_body(const Env& env, PyObject* const*) {
-  Ref tools = iter_ordered_tools(env);
-  return line_then_table(env, shown(env, kCliNote), shown(env, kCliHeader),
-                         rows_of(env, std::move(tools), cli_row));
+  Ref rows = lazy_rows(env, iter_ordered_tools(env), cli_row);
+  return line_then_table(env, shown(env, kCliNote), shown(env, kCliHeader), rows.get());
 }
 
 // `_NONE if param.default is None else _value(param.default)`, then the defaults by action.
 Ref default_cell_body(const Env& env, PyObject* const* args) {
   PyObject* param = args[0];
-  Ref shown = host::default_value(env, param).get() == Py_None
+  Ref shown = env.attr(param, Id::default_).get() == Py_None
                   ? lookup(env, Id::NONE)
-                  : call_on_field(env, Id::value, param, Id::default_);
+                  : lookup(env, Id::value)(env.attr(param, Id::default_));
   // `", ".join(f"{action}: {_value(value)}" for action, value in param.action_defaults)`
   JoinWriter pieces(", ");
-  for_each(host::action_defaults(env, param).get(), [&](PyObject* pair) {
+  for_each(env.attr(param, Id::action_defaults).get(), [&](PyObject* pair) {
     auto [action, value] = unpack_pair(pair);
     TextWriter piece;
     piece.format(action.get()).lit(": ");
-    pieces.item(piece.format(call_global(env, Id::value, {value.get()}).get()).finish().get());
+    pieces.item(piece.format(lookup(env, Id::value)(value).get()).finish().get());
   });
   Ref by_action = pieces.finish();
   if (PyUnicode_GET_LENGTH(by_action.get()) == 0) return shown;
@@ -205,18 +213,12 @@ Ref type_cell_body(const Env& env, PyObject* const* args) {
 
 // `prop.get("description", "")`.
 Ref description_text(const Env& env, PyObject* prop) {
-  PyObject* key = env.name(Id::description);
-  if (!PyDict_CheckExact(prop)) return env.method(prop, Id::get, {key, env.name(Id::empty)});
-  Ref found = mapping_get(prop, key, env.name(Id::get));
-  if (found.get() == Py_None && !check(PyDict_Contains(prop, key))) {
-    return Ref::borrow(env.name(Id::empty));
-  }
-  return found;
+  return mapping_get(prop, env.name(Id::description), env.name(Id::get), env.name(Id::empty));
 }
 
 // `description += "."` unless it is empty or ends with a full stop already.
 Ref with_full_stop(const Env& env, Ref description) {
-  if (PyUnicode_CheckExact(description.get())) {
+  if (PyUnicode_CheckExact(description.get())) {  // the usual case, without two method calls
     Py_ssize_t size = PyUnicode_GET_LENGTH(description.get());
     if (size == 0 || PyUnicode_READ_CHAR(description.get(), size - 1) == '.') return description;
     return own(PyUnicode_Concat(description.get(), env.name(Id::dot)));
@@ -228,90 +230,78 @@ Ref with_full_stop(const Env& env, Ref description) {
   return own(PyNumber_InPlaceAdd(description.get(), env.name(Id::dot)));
 }
 
+// `f"{before}{_value(bound)}."`.
+Ref bound_text(const Env& env, const char* before, PyObject* bound) {
+  return TextWriter()
+      .ascii(before, static_cast<Py_ssize_t>(strlen(before)))
+      .format(lookup(env, Id::value)(bound).get())
+      .lit(".")
+      .finish();
+}
+
 // "Range: 1-100.", "At least 0.", "At most 9." or "" from the schema's bounds.
 Ref bound_sentence(const Env& env, PyObject* prop) {
   Ref low = mapping_get(prop, env.name(Id::minimum), env.name(Id::get));
   Ref high = mapping_get(prop, env.name(Id::maximum), env.name(Id::get));
   bool has_low = low.get() != Py_None;
   bool has_high = high.get() != Py_None;
-  TextWriter out;
   if (has_low && has_high) {
-    out.lit("Range: ").format(call_global(env, Id::value, {low.get()}).get()).lit("-");
-    return out.format(call_global(env, Id::value, {high.get()}).get()).lit(".").finish();
+    TextWriter out;
+    out.lit("Range: ").format(lookup(env, Id::value)(low).get()).lit("-");
+    return out.format(lookup(env, Id::value)(high).get()).lit(".").finish();
   }
-  if (!has_low && !has_high) return Ref::borrow(env.name(Id::empty));
-  if (has_low) {
-    out.lit("At least ");
-  } else {
-    out.lit("At most ");
-  }
-  PyObject* bound = has_low ? low.get() : high.get();
-  return out.format(call_global(env, Id::value, {bound}).get()).lit(".").finish();
+  if (has_low) return bound_text(env, "At least ", low.get());
+  if (has_high) return bound_text(env, "At most ", high.get());
+  return Ref::borrow(env.name(Id::empty));
 }
 
 Ref description_cell_body(const Env& env, PyObject* const* args) {
   PyObject* param = args[0];
   PyObject* prop = args[1];
   Ref description = with_full_stop(env, strip_text(env, description_text(env, prop).get()));
-  Ref values = host::values_text(env, param, Id::code);
+  Ref values_text = env.attr(param, Id::values_text);
+  Ref values = call(values_text.get(), {lookup(env, Id::code).get()});
   Ref bound = bound_sentence(env, prop);
   // `_cell(" ".join(piece for piece in (description, values, bound) if piece))`
-  Ref cell = lookup(env, Id::cell);
+  Global cell = lookup(env, Id::cell);
   JoinWriter pieces(" ");
   for (PyObject* piece : {description.get(), values.get(), bound.get()}) {
     if (truth(piece)) pieces.item(piece);
   }
-  return call_found(cell.get(), {pieces.finish().get()});
+  return cell(pieces.finish());
 }
 
-// `_code(f"--{snake_to_kebab(param.name)}")`.
-Ref option_cell(const Env& env, PyObject* param) {
-  Ref code = lookup(env, Id::code);
-  Ref option = host::kebab_name(env, param);
-  return call_found(code.get(), {TextWriter().lit("--").format(option.get()).finish().get()});
-}
-
-// `_cell(_default_cell(param))`.
-Ref default_cell(const Env& env, PyObject* param) {
-  Ref cell = lookup(env, Id::cell);
-  return call_found(cell.get(), {call_global(env, Id::default_cell, {param}).get()});
-}
-
-// `"Yes" if param.name in required else "No"`.
-Ref required_cell(const Env& env, PyObject* param, PyObject* required) {
-  return Ref::borrow(
-      shown(env, check(PySequence_Contains(required, host::name(env, param).get())) ? kYes : kNo));
-}
-
-// `", ".join(param.applies_to) or "all"`.
-Ref served_actions(const Env& env, PyObject* param) {
-  Ref served = join(env.name(Id::comma), host::applies_to(env, param).get());
-  return PyUnicode_GET_LENGTH(served.get()) ? served : Ref::borrow(shown(env, kAll));
-}
-
-// `rows.append((...))` for one parameter: its cells, computed in order. The parameter table is
-// built in full before `_table` is called, so its rows need no generator.
-void add_param_row(const Env& env, BuiltRows& rows, PyObject* param, PyObject* prop,
-                   PyObject* required, bool has_actions) {
-  auto add = [&rows](Ref cell) { rows.cells.push_back(std::move(cell)); };
-  add(call_on_field(env, Id::code, param, Id::name));
-  add(option_cell(env, param));
-  add(call_global(env, Id::type_cell, {prop}));
-  add(required_cell(env, param, required));
-  add(default_cell(env, param));
-  if (has_actions) add(served_actions(env, param));
-  add(call_global(env, Id::description_cell, {param, prop}));
-  rows.ends.push_back(rows.cells.size());
+// The cells of one parameter's row, in order: `(_code(param.name), ..., _description_cell(...))`.
+Ref param_row(const Env& env, PyObject* param, PyObject* prop, PyObject* required,
+              bool has_actions) {
+  Ref cells[7];
+  int n = 0;
+  cells[n++] = lookup(env, Id::code)(env.attr(param, Id::name));
+  Global code = lookup(env, Id::code);
+  Ref option = lookup(env, Id::snake_to_kebab)(env.attr(param, Id::name));
+  cells[n++] = code(TextWriter().lit("--").format(option.get()).finish());
+  cells[n++] = lookup(env, Id::type_cell)(prop);
+  bool is_required = check(PySequence_Contains(required, env.attr(param, Id::name).get()));
+  cells[n++] = Ref::borrow(shown(env, is_required ? kYes : kNo));
+  cells[n++] = lookup(env, Id::cell)(lookup(env, Id::default_cell)(param));
+  if (has_actions) {  // `", ".join(param.applies_to) or "all"`
+    Ref served = join(env.name(Id::comma), env.attr(param, Id::applies_to).get());
+    cells[n++] = PyUnicode_GET_LENGTH(served.get()) ? served : Ref::borrow(shown(env, kAll));
+  }
+  cells[n++] = lookup(env, Id::description_cell)(param, prop);
+  Ref row = own(PyTuple_New(n));
+  for (int i = 0; i < n; ++i) PyTuple_SET_ITEM(row.get(), i, cells[i].release());
+  return row;
 }
 
 // The schema must name the tool's parameters, in the registry's order.
 void check_same_params(const Env& env, PyObject* tool, PyObject* properties) {
   Ref schema_names = own(PySequence_List(properties));
-  Ref registry_names = collect(host::all_params(env, tool).get(),
-                               [&](PyObject* param) { return host::name(env, param); });
+  Ref registry_names = collect(env.attr(tool, Id::all_params).get(),
+                               [&](PyObject* param) { return env.attr(param, Id::name); });
   if (check(PyObject_RichCompareBool(schema_names.get(), registry_names.get(), Py_EQ))) return;
   TextWriter message;
-  message.format(host::name(env, tool).get());
+  message.format(env.attr(tool, Id::name).get());
   message.lit(": the CLI schema and the registry name different parameters");
   PyErr_SetObject(PyExc_ValueError, message.finish().get());
   raise();
@@ -319,28 +309,28 @@ void check_same_params(const Env& env, PyObject* tool, PyObject* properties) {
 
 Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
   PyObject* tool = args[0];
-  Ref schema = host::cli_schema(env, tool);
+  Ref schema = lookup(env, Id::get_cli_schema)(env.attr(tool, Id::name));
   Ref properties = subscript(schema.get(), env.name(Id::properties));
   check_same_params(env, tool, properties.get());
   Ref required = own(PySet_New(subscript(schema.get(), env.name(Id::required)).get()));
-  bool has_actions = host::has_actions(env, tool);
+  bool has_actions = truth(env.attr(tool, Id::actions).get());
   PyObject* header = shown(env, has_actions ? kParamsHeader : kPlainParamsHeader);
-  // Every row is built before the lines around the table and before `_table` is looked up:
-  // `for param in tool.all_params: prop = properties[param.name]; rows.append((...))`.
-  BuiltRows rows;
-  for_each(host::all_params(env, tool).get(), [&](PyObject* param) {
-    Ref prop = subscript(properties.get(), host::name(env, param).get());
-    add_param_row(env, rows, param, prop.get(), required.get(), has_actions);
+  // Every row is built before the lines around the table and before `_table` is looked up.
+  Ref rows = own(PyList_New(0));
+  for_each(env.attr(tool, Id::all_params).get(), [&](PyObject* param) {
+    Ref prop = subscript(properties.get(), env.attr(param, Id::name).get());
+    Ref row = param_row(env, param, prop.get(), required.get(), has_actions);
+    check(PyList_Append(rows.get(), row.get()));
   });
   LineJoiner out;
   if (has_actions) {
-    Ref listed = code_spans(env, host::action_names(env, tool).get(), " | ");
+    Ref listed = code_spans(env, env.attr(tool, Id::action_names).get(), " | ");
     out.line(TextWriter().lit("**Actions:** ").str(listed.get()).finish().get());
     out.line(env.name(Id::empty));
   }
   out.line(shown(env, kParamsHeading));
   out.line(env.name(Id::empty));
-  write_table(env, out, header, std::move(rows));
+  write_table(env, out, header, rows.get());
   return out.finish();
 }
 
@@ -392,28 +382,28 @@ Ref literal_text_body(const Env& env, PyObject* const* args) {
 }
 
 Ref skill_text_body(const Env& env, PyObject* const* args) {
-  Ref literal = call_global(env, Id::literal_text, {args[0]});
+  Ref literal = lookup(env, Id::literal_text)(args[0]);
   Ref braces = replaced(env, literal.get(), Id::open_brace, Id::two_open_braces);
   return replaced(env, braces.get(), Id::close_brace, Id::two_close_braces);
 }
 
 // `skill_table({"frameworks": ", ".join(ENDPOINT_FRAMEWORKS.values())})`.
 Ref skill_routes_block_body(const Env& env, PyObject* const*) {
-  Ref table = lookup(env, Id::skill_table);
-  Ref frameworks = lookup(env, Id::ENDPOINT_FRAMEWORKS);
+  Global table = lookup(env, Id::skill_table);
+  Global frameworks = lookup(env, Id::ENDPOINT_FRAMEWORKS);
   Ref joined = join(env.name(Id::comma), env.method(frameworks.get(), Id::values, {}).get());
   Ref facts = own(PyDict_New());
   check(PyDict_SetItem(facts.get(), env.name(Id::frameworks), joined.get()));
-  return call_found(table.get(), {facts.get()});
+  return table(facts);
 }
 
 // Each marked block of the rules text gets a fresh routing table.
 Ref routes_for_block(const Env& env, const BlockMatch&, PyObject* const*) {
-  return host::rules_table(env);
+  return lookup(env, Id::rules_table)();
 }
 
 Ref rules_render_body(const Env& env, PyObject* const* args) {
-  return render_match(env, args[0], routes_for_block);
+  return render_match(env, args[0], routes_for_block, args + 1);
 }
 
 const FunctionDef kRulesRender = {"render",
@@ -427,15 +417,15 @@ const FunctionDef kRulesRender = {"render",
 
 // `without_markers(_MARKER.sub(render, QUENOR_INSTRUCTION_CONTENT)).strip()`.
 Ref rules_block_body(const Env& env, PyObject* const*) {
-  Ref strip_markers = lookup(env, Id::without_markers);
+  Global strip_markers = lookup(env, Id::without_markers);
   // `_MARKER.sub` is evaluated before its arguments: a missing `_MARKER`, or a rebound one without
   // `sub`, fails before the content is looked up.
-  Ref marker = lookup(env, Id::MARKER);
+  Global marker = lookup(env, Id::MARKER);
   if (marker.get() != env.marker()) env.attr(marker.get(), Id::sub);
-  Ref content = lookup(env, Id::QUENOR_INSTRUCTION_CONTENT);
+  Global content = lookup(env, Id::QUENOR_INSTRUCTION_CONTENT);
   Ref rendered =
       replace_blocks(env, marker.get(), content.get(), {kRulesRender, routes_for_block}, {});
-  return strip_text(env, call_found(strip_markers.get(), {rendered.get()}).get());
+  return strip_text(env, strip_markers(rendered).get());
 }
 
 }  // namespace

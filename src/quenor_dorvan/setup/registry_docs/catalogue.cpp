@@ -2,7 +2,7 @@
 
 #include <iterator>
 
-#include "registry_inputs.h"
+#include "text.h"
 
 namespace registry_docs {
 
@@ -17,8 +17,8 @@ const char kGeneratedFileDoc[] =
     "    encode: How the file holds a rendered block (the skill's template doubles braces).\n";
 
 // `_params_renderer`'s closure: `def render(): return mcp_params_block(tool)`.
-Ref params_render_body(const Env& env, PyObject* const*) {
-  return call_global(env, Id::mcp_params_block, {closure_values(env)[0]});
+Ref params_render_body(const Env& env, PyObject* const* held) {
+  return lookup(env, Id::mcp_params_block)(held[0]);
 }
 
 const FunctionDef kParamsRender = {
@@ -37,9 +37,9 @@ Ref declared_block(const Env& env, const char* block_name, Id renderer) {
 // The parameter blocks of `docs/mcp-tools.md`, one per tool in the listing order, appended:
 // `("params:" + f"{tool.name}", _params_renderer(tool))`.
 void append_params_blocks(const Env& env, PyObject* blocks) {
-  for_each(call_global(env, Id::ordered_tools, {}).get(), [&](PyObject* tool) {
-    Ref key = TextWriter().lit("params:").format(host::name(env, tool).get()).finish();
-    Ref renderer = call_global(env, Id::params_renderer, {tool});
+  for_each(lookup(env, Id::ordered_tools)().get(), [&](PyObject* tool) {
+    Ref key = TextWriter().lit("params:").format(env.attr(tool, Id::name).get()).finish();
+    Ref renderer = lookup(env, Id::params_renderer)(tool);
     check(PyList_Append(blocks, own(PyTuple_Pack(2, key.get(), renderer.get())).get()));
   });
 }

@@ -1,6 +1,6 @@
 // Every difference between the CPython versions the module builds for lives here.
 #pragma once
-#include "py.h"
+#include <Python.h>
 
 namespace registry_docs::compat {
 
@@ -24,7 +24,8 @@ inline int dict_get_ref(PyObject* dict, PyObject* key, PyObject** result) {
 #if PY_VERSION_HEX >= 0x030D0000
   return PyDict_GetItemRef(dict, key, result);
 #else
-  *result = Ref::borrow(PyDict_GetItemWithError(dict, key)).release();
+  *result = PyDict_GetItemWithError(dict, key);
+  Py_XINCREF(*result);
   if (*result) return 1;
   return PyErr_Occurred() ? -1 : 0;
 #endif
@@ -40,9 +41,9 @@ inline PyObject* take_exception() {
   PyObject* traceback = nullptr;
   PyErr_Fetch(&type, &value, &traceback);
   PyErr_NormalizeException(&type, &value, &traceback);
-  Ref owned_type = Ref::steal(type);
-  Ref owned_traceback = Ref::steal(traceback);
   if (value && traceback) PyException_SetTraceback(value, traceback);
+  Py_XDECREF(type);
+  Py_XDECREF(traceback);
   return value;
 #endif
 }

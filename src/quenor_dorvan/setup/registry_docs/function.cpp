@@ -71,8 +71,7 @@ void function_dealloc(PyObject* self) {
 }
 
 inline Env env_of(const FunctionObject* f) {
-  return Env{&state_of(f->state), f->module, f->globals,
-             reinterpret_cast<PyObject*>(const_cast<FunctionObject*>(f))};
+  return Env{&state_of(f->state), f->module, f->globals};
 }
 
 // Leaves the interpreter's recursion depth as it found it, however the body ends.
@@ -86,7 +85,12 @@ class RecursionGuard {
 
 Ref run_body(const FunctionObject* f, PyObject* const* args) {
   RecursionGuard guard;
-  return f->def->body(env_of(f), args);
+  if (!f->bound[0]) return f->def->body(env_of(f), args);
+  // A closure's body reads its values after its arguments.
+  PyObject* all[4];
+  std::copy_n(args, f->def->nparams, all);
+  std::copy_n(f->bound, 2, all + f->def->nparams);
+  return f->def->body(env_of(f), all);
 }
 
 // The interpreter's edit distance between two UTF-8 names: a case flip costs 1, any other edit 2;
@@ -410,29 +414,21 @@ Ref make_function(const State& state, PyObject* module, const FunctionDef& def) 
   return new_function(state, module, def, {});
 }
 
-Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<PyObject*> values) {
-  if (values.size() > std::size(FunctionObject{}.bound)) {
-    PyErr_SetString(PyExc_SystemError, "a closure holds at most two values");
-    raise();
-  }
-  return new_function(*env.state, env.module, def, values);
+Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<PyObject*> held) {
+  return new_function(*env.state, env.module, def, held);
 }
 
-PyObject* const* closure_values(const Env& env) {
-  return reinterpret_cast<FunctionObject*>(env.function)->bound;
-}
-
-bool is_native(PyObject* obj, const FunctionDef& def) {
-  const FunctionObject* f = native(obj);
+bool Global::is(const FunctionDef& def) const {
+  const FunctionObject* f = native(get());
   return f && f->def == &def;
 }
 
-Ref lookup(const Env& env, Id id) {
+Global lookup(const Env& env, Id id) {
   PyObject* key = env.name(id);
   PyObject* found = nullptr;
-  if (check(compat::dict_get_ref(env.globals, key, &found))) return Ref::steal(found);
+  if (check(compat::dict_get_ref(env.globals, key, &found))) return Global(Ref::steal(found));
   if (PyObject* builtins = PyEval_GetBuiltins()) {
-    if (check(compat::dict_get_ref(builtins, key, &found))) return Ref::steal(found);
+    if (check(compat::dict_get_ref(builtins, key, &found))) return Global(Ref::steal(found));
   }
   // The interpreter names the missing global on the error (`name`), which tracebacks use.
   Ref message = own(PyUnicode_FromFormat("name '%U' is not defined", key));
@@ -446,11 +442,6 @@ Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args) {
   const FunctionObject* f = native(callable);
   if (f && static_cast<int>(args.size()) == f->def->nparams) return run_body(f, args.begin());
   return call(callable, args);
-}
-
-Ref call_global(const Env& env, Id id, std::initializer_list<PyObject*> args) {
-  Ref callable = lookup(env, id);
-  return call_found(callable.get(), args);
 }
 
 }  // namespace registry_docs

@@ -15,9 +15,4 @@ extern const FunctionDef kCliUsage;
 // `_code` is looked up for every item.
 Ref code_spans(const Env& env, PyObject* iterable, const char* separator, bool by_name = false);
 
-// `tier.capitalize()`, as the tier cells and tier lists write a tier name.
-inline Ref capitalized(const Env& env, PyObject* tier) {
-  return env.method(tier, Id::capitalize, {});
-}
-
 }  // namespace registry_docs

@@ -4,6 +4,7 @@
 
 #include "compat.h"
 #include "marker_blocks.h"
+#include "text.h"
 
 namespace registry_docs {
 
@@ -82,7 +83,7 @@ Ref fill_block(const Env& env, const BlockMatch& match, PyObject* const* held) {
 }
 
 Ref file_render_body(const Env& env, PyObject* const* args) {
-  return render_match(env, args[0], fill_block);
+  return render_match(env, args[0], fill_block, args + 1);
 }
 
 const FunctionDef kFileRender = {"render",
@@ -107,7 +108,7 @@ Ref render_file_body(const Env& env, PyObject* const* args) {
   for (size_t i = 0; i < pairs.size(); ++i) {
     PyList_SET_ITEM(expected.get(), static_cast<Py_ssize_t>(i), Ref(pairs[i].first).release());
   }
-  Ref found = call_global(env, Id::block_names, {text});
+  Ref found = lookup(env, Id::block_names)(text);
   if (markers_differ(found.get(), expected.get())) {
     raise_markers_mismatch(env, generated.get(), expected.get(), found.get());
   }
@@ -161,8 +162,8 @@ class Handling {
 
 // f"{generated.path}: blocks out of date: {', '.join(stale)}".
 Ref stale_line(const Env& env, PyObject* generated, PyObject* text, PyObject* rendered) {
-  Ref old_blocks = call_global(env, Id::blocks_, {text});
-  Ref new_blocks = call_global(env, Id::blocks_, {rendered});
+  Ref old_blocks = lookup(env, Id::blocks_)(text);
+  Ref new_blocks = lookup(env, Id::blocks_)(rendered);
   Ref stale = stale_names(env, old_blocks.get(), new_blocks.get());
   TextWriter out;
   out.format(env.attr(generated, Id::path).get()).lit(": blocks out of date: ");
@@ -172,10 +173,10 @@ Ref stale_line(const Env& env, PyObject* generated, PyObject* text, PyObject* re
 // The file's problem line, or null when it is current: a value error while rendering becomes
 // the line, as `except ValueError as error: problems.append(str(error))` makes it.
 Ref problem_of(const Env& env, PyObject* root, PyObject* generated) {
-  Ref text = call_global(env, Id::read, {root, generated});
+  Ref text = lookup(env, Id::read)(root, generated);
   Ref rendered;
   try {
-    rendered = call_global(env, Id::render_file, {text.get(), generated});
+    rendered = lookup(env, Id::render_file)(text, generated);
   } catch (const PythonError&) {
     if (!PyErr_ExceptionMatches(PyExc_ValueError)) throw;
     Ref error = own(compat::take_exception());
@@ -189,7 +190,7 @@ Ref problem_of(const Env& env, PyObject* root, PyObject* generated) {
 Ref stale_blocks_body(const Env& env, PyObject* const* args) {
   Ref root = Ref::borrow(args[0]);
   Ref problems = own(PyList_New(0));
-  for_each(call_global(env, Id::generated_files, {}).get(), [&](PyObject* generated) {
+  for_each(lookup(env, Id::generated_files)().get(), [&](PyObject* generated) {
     if (Ref line = problem_of(env, root.get(), generated)) {
       check(PyList_Append(problems.get(), line.get()));
     }
@@ -223,21 +224,19 @@ Ref utf8_bytes(const Env& env, PyObject* text) {
 //     return [path for path, _ in changes]
 Ref write_blocks_body(const Env& env, PyObject* const* args) {
   Ref root = Ref::borrow(args[0]);
-  Ref catalogue = call_global(env, Id::generated_files, {});
+  Ref catalogue = lookup(env, Id::generated_files)();
   Ref rendered = own(PyDict_New());
   for_each(catalogue.get(), [&](PyObject* generated) {
     Ref path = env.attr(generated, Id::path);
-    Ref render = lookup(env, Id::render_file);
-    Ref text = call_global(env, Id::read, {root.get(), generated});
-    check(PyDict_SetItem(rendered.get(), path.get(),
-                         call_found(render.get(), {text.get(), generated}).get()));
+    Ref text = lookup(env, Id::render_file)(lookup(env, Id::read)(root, generated), generated);
+    check(PyDict_SetItem(rendered.get(), path.get(), text.get()));
   });
 
   Ref paths = own(PyList_New(0));
   Ref contents = own(PyList_New(0));
   Ref scheduled = own(PyDict_New());
   for_each(catalogue.get(), [&](PyObject* generated) {
-    Ref current = call_global(env, Id::read, {root.get(), generated});
+    Ref current = lookup(env, Id::read)(root, generated);
     Ref path = env.attr(generated, Id::path);
     Ref text = subscript(rendered.get(), path.get());
     PyObject* pending = nullptr;

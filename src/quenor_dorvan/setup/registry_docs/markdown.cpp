@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <new>
 #include <vector>
 
 #if defined(__SSE2__)
@@ -172,6 +171,20 @@ Ref cell_of_kind(PyObject* text, const Char* data, Py_ssize_t size) {
   return result;
 }
 
+// `_cell` of a str.
+Ref cell_text(PyObject* text) {
+  check(PyUnicode_READY(text));
+  Py_ssize_t size = PyUnicode_GET_LENGTH(text);
+  switch (PyUnicode_KIND(text)) {
+    case PyUnicode_1BYTE_KIND:
+      return cell_of_kind(text, PyUnicode_1BYTE_DATA(text), size);
+    case PyUnicode_2BYTE_KIND:
+      return cell_of_kind(text, PyUnicode_2BYTE_DATA(text), size);
+    default:
+      return cell_of_kind(text, PyUnicode_4BYTE_DATA(text), size);
+  }
+}
+
 Ref code_body(const Env&, PyObject* const* args) {
   Ref text = own(PyObject_Format(args[0], nullptr));
   return enclosed('`', text.get(), '`');
@@ -186,9 +199,31 @@ Ref cell_body(const Env& env, PyObject* const* args) {
   return own(PyUnicode_Replace(joined.get(), env.name(Id::bar), env.name(Id::escaped_bar), -1));
 }
 
-Ref row_body(const Env& env, PyObject* const* args) {
-  Ref joined = join(env.name(Id::bar_sep), args[0]);
-  return TextWriter().lit("| ").str(joined.get()).lit(" |").finish();
+// The cells of a row as `" | ".join(cells)` takes them: all read first, then each checked.
+Ref row_items(PyObject* cells) {
+  Ref items = own(PySequence_Fast(cells, "can only join an iterable"));
+  for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(items.get()); ++i) {
+    PyObject* item = PySequence_Fast_GET_ITEM(items.get(), i);
+    if (!PyUnicode_Check(item)) join_type_error(i, item);
+  }
+  return items;
+}
+
+// `"| " + " | ".join(items) + " |"`.
+void put_row(TextWriter& out, PyObject* items) {
+  out.lit("| ");
+  for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(items); ++i) {
+    if (i > 0) out.lit(" | ");
+    out.str(PySequence_Fast_GET_ITEM(items, i));
+  }
+  out.lit(" |");
+}
+
+Ref row_body(const Env&, PyObject* const* args) {
+  Ref items = row_items(args[0]);
+  TextWriter out;
+  put_row(out, items.get());
+  return out.finish();
 }
 
 // The rule under a header: one "---" for each title, read by iterating the header again.
@@ -196,15 +231,14 @@ Ref rule_cells(const Env& env, PyObject* header) {
   return collect(header, [&](PyObject*) { return Ref::borrow(env.name(Id::rule)); });
 }
 
+// `[_row(header), _row(["---" for _ in header]), *(_row(row) for row in rows)]`.
 Ref table_body(const Env& env, PyObject* const* args) {
   PyObject* header = args[0];
   Ref lines = own(PyList_New(0));
   auto append = [&](Ref line) { check(PyList_Append(lines.get(), line.get())); };
-  append(call_global(env, Id::row, {header}));
-  // `_row` is looked up before the rule's cells are made from the header, as the call reads it.
-  Ref rule_row = lookup(env, Id::row);
-  append(call_found(rule_row.get(), {rule_cells(env, header).get()}));
-  for_each(args[1], [&](PyObject* row) { append(call_global(env, Id::row, {row})); });
+  append(lookup(env, Id::row)(header));
+  append(lookup(env, Id::row)(rule_cells(env, header)));
+  for_each(args[1], [&](PyObject* row) { append(lookup(env, Id::row)(row)); });
   return lines;
 }
 
@@ -212,184 +246,159 @@ Ref value_body(const Env& env, PyObject* const* args) {
   PyObject* value = args[0];
   if (PyBool_Check(value)) return text(value == Py_True ? "true" : "false");
   if (PyList_Check(value) || PyTuple_Check(value)) {
-    Ref parts = collect(value, [&](PyObject* item) { return call_global(env, Id::value, {item}); });
+    Ref parts = collect(value, [&](PyObject* item) { return lookup(env, Id::value)(item); });
     return join(env.name(Id::comma), parts.get());
   }
   return str_of(value);
 }
 
 // ---------------------------------------------------------------------------------------------
-// The lazy rows a replaced `_table` or `_row` reads: Python iterators over the renderer's own
-// generators. Each holds the module and its state, which the generator's frame refers to.
+// Lazy rows: the rows of a table, and each row's cells, made as they are read, as Python's
+// generators make them. Every reference they hold is a field of the object, seen by the collector.
 
-template <typename G>
 struct Lazy {
   PyObject ob_base;
-  G generator;
   PyObject* module;
   PyObject* state;
+  PyObject* source;  // the rows: the iterator of tools; a row: its tool; null once finished
+  RowOf row;
+  Py_ssize_t number;  // the rows: tools taken so far; a row: its number
+  int cell;           // a row: the next cell
+  bool running;
 };
 
-template <typename G>
-Ref wrap(const Env& env, PyObject* type, G generator) {
-  // The frame no longer runs inside the call that made it.
-  if (Env* frame = generator.env()) frame->function = nullptr;
-  auto* lazy = PyObject_GC_New(Lazy<G>, reinterpret_cast<PyTypeObject*>(type));
+Ref make_lazy(PyObject* type, PyObject* module, PyObject* state, Ref source, RowOf row,
+              Py_ssize_t number) {
+  auto* lazy = PyObject_GC_New(Lazy, reinterpret_cast<PyTypeObject*>(type));
   if (!lazy) raise();
-  new (&lazy->generator) G(std::move(generator));
-  lazy->module = Ref::borrow(env.module).release();
-  lazy->state = Ref::borrow(env.state->object).release();
+  lazy->module = Ref::borrow(module).release();
+  lazy->state = Ref::borrow(state).release();
+  lazy->source = source.release();
+  lazy->row = row;
+  lazy->number = number;
+  lazy->cell = 0;
+  lazy->running = false;
   PyObject_GC_Track(reinterpret_cast<PyObject*>(lazy));
   return Ref::steal(reinterpret_cast<PyObject*>(lazy));
 }
 
-template <typename G>
-Env env_of(const Lazy<G>& lazy) {
-  return Env{&state_of(lazy.state), lazy.module, PyModule_GetDict(lazy.module)};
+// One step, as a generator takes one: refused while it runs, and finished at its end or once it
+// raised.
+template <typename Step>
+PyObject* lazy_step(PyObject* self, Step step) {
+  auto* lazy = reinterpret_cast<Lazy*>(self);
+  if (!lazy->source) return nullptr;
+  if (lazy->running) {
+    PyErr_SetString(PyExc_ValueError, "generator already executing");
+    return nullptr;
+  }
+  Ref keep = Ref::borrow(self);  // the step may run code that drops the last other reference
+  Ref source = Ref::borrow(lazy->source);
+  Env env{&state_of(lazy->state), lazy->module, PyModule_GetDict(lazy->module)};
+  lazy->running = true;
+  PyObject* result = guarded([&] { return step(*lazy, env, source.get()).release(); },
+                             static_cast<PyObject*>(nullptr));
+  lazy->running = false;
+  if (!result) Py_CLEAR(lazy->source);
+  return result;
 }
 
-Ref emit(const Lazy<Cells>&, Ref cell) {
-  return cell;
+PyObject* rows_next(PyObject* self) {
+  return lazy_step(self, [](Lazy& rows, const Env& env, PyObject* tools) {
+    Ref tool = next(tools);
+    if (!tool) return Ref();
+    return make_lazy(env.state->row_type.get(), rows.module, rows.state, std::move(tool), rows.row,
+                     ++rows.number);
+  });
 }
 
-Ref emit(const Lazy<Rows>& rows, Cells row) {
-  Env env = env_of(rows);
-  return wrap(env, env.state->row_type.get(), std::move(row));
+PyObject* row_next(PyObject* self) {
+  return lazy_step(self, [](Lazy& row, const Env& env, PyObject* tool) {
+    return row.row(env, tool, row.number, row.cell++);
+  });
 }
 
-template <typename G>
-PyObject* lazy_next(PyObject* self) {
-  auto* lazy = reinterpret_cast<Lazy<G>*>(self);
-  Ref keep = Ref::borrow(self);  // the generator may run code that drops the last reference
-  return guarded(
-      [&]() -> PyObject* {
-        auto value = lazy->generator.next();
-        return value ? emit(*lazy, std::move(*value)).release() : nullptr;
-      },
-      static_cast<PyObject*>(nullptr));
-}
-
-template <typename G>
 int lazy_traverse(PyObject* self, visitproc visit, void* arg) {
-  auto* lazy = reinterpret_cast<Lazy<G>*>(self);
+  auto* lazy = reinterpret_cast<Lazy*>(self);
   Py_VISIT(Py_TYPE(self));
   Py_VISIT(lazy->module);
   Py_VISIT(lazy->state);
-  return lazy->generator.traverse(visit, arg);
-}
-
-template <typename G>
-int lazy_clear(PyObject* self) {
-  auto* lazy = reinterpret_cast<Lazy<G>*>(self);
-  if (lazy->generator.running()) return 0;  // its frame is in use further up the stack
-  lazy->generator = G();
-  Py_CLEAR(lazy->module);
-  Py_CLEAR(lazy->state);
+  Py_VISIT(lazy->source);
   return 0;
 }
 
-template <typename G>
-void lazy_dealloc(PyObject* self) {
-  auto* lazy = reinterpret_cast<Lazy<G>*>(self);
-  PyTypeObject* type = Py_TYPE(self);
-  PyObject_GC_UnTrack(self);
-  lazy->generator.~G();
+int lazy_clear(PyObject* self) {
+  auto* lazy = reinterpret_cast<Lazy*>(self);
+  if (lazy->running) return 0;  // its step is in use further up the stack
   Py_CLEAR(lazy->module);
   Py_CLEAR(lazy->state);
+  Py_CLEAR(lazy->source);
+  return 0;
+}
+
+void lazy_dealloc(PyObject* self) {
+  PyTypeObject* type = Py_TYPE(self);
+  PyObject_GC_UnTrack(self);
+  lazy_clear(self);
   PyObject_GC_Del(self);
   Py_DECREF(type);
 }
 
-template <typename G>
+template <PyObject* (*Next)(PyObject*)>
 PyType_Slot lazy_slots[] = {
-    {Py_tp_dealloc, reinterpret_cast<void*>(lazy_dealloc<G>)},
-    {Py_tp_traverse, reinterpret_cast<void*>(lazy_traverse<G>)},
-    {Py_tp_clear, reinterpret_cast<void*>(lazy_clear<G>)},
+    {Py_tp_dealloc, reinterpret_cast<void*>(lazy_dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void*>(lazy_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(lazy_clear)},
     {Py_tp_iter, reinterpret_cast<void*>(PyObject_SelfIter)},
-    {Py_tp_iternext, reinterpret_cast<void*>(lazy_next<G>)},
+    {Py_tp_iternext, reinterpret_cast<void*>(Next)},
     {0, nullptr},
 };
 
 constexpr unsigned kLazyFlags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE |
                                 Py_TPFLAGS_DISALLOW_INSTANTIATION;
 
-// ---------------------------------------------------------------------------------------------
-// Tables written by our own `_table`.
-
-// Appends every cell of a row, computed in order (as `" | ".join(row)` reads a generator first).
-void drain(Cells row, std::vector<Ref>& cells) {
-  while (auto cell = row.next()) cells.push_back(std::move(*cell));
-}
-
-// A row as our own `_row` writes it: each cell (`cell(i)`, borrowed) checked to be a str, then
-// joined.
-template <typename Cell>
-void write_row(LineJoiner& out, size_t count, Cell cell) {
-  for (size_t i = 0; i < count; ++i) {
-    if (!PyUnicode_Check(cell(i))) join_type_error(static_cast<Py_ssize_t>(i), cell(i));
+// `_row(cells)` as the next line of `out`; our own `_row` writes it in place, and takes a lazy row
+// of ours that only the writer holds cell by cell, without a list.
+void write_row(const Env& env, LineJoiner& out, const Global& row, PyObject* cells) {
+  if (!row.is(kRow)) return out.line(row(cells).get());
+  if (Py_TYPE(cells) != reinterpret_cast<PyTypeObject*>(env.state->row_type.get())) {
+    Ref items = row_items(cells);
+    if (TextWriter* writer = out.start()) put_row(*writer, items.get());
+    return;
+  }
+  auto* lazy = reinterpret_cast<Lazy*>(cells);
+  Ref tool = Ref::borrow(lazy->source);
+  Ref made[8];
+  int count = 0;
+  lazy->running = true;
+  try {
+    while (count < 8 && (made[count] = lazy->row(env, tool.get(), lazy->number, count))) ++count;
+  } catch (...) {
+    lazy->running = false;
+    throw;
+  }
+  lazy->running = false;
+  Py_CLEAR(lazy->source);
+  for (int i = 0; i < count; ++i) {
+    if (!PyUnicode_Check(made[i].get())) join_type_error(i, made[i].get());
   }
   TextWriter* writer = out.start();
   if (!writer) return;
   writer->lit("| ");
-  for (size_t i = 0; i < count; ++i) {
-    if (i > 0) writer->lit(" | ");
-    writer->str(cell(i));
-  }
+  for (int i = 0; i < count; ++i) (i > 0 ? writer->lit(" | ") : *writer).str(made[i].get());
   writer->lit(" |");
-}
-
-void write_row(LineJoiner& out, const Ref* cells, size_t count) {
-  write_row(out, count, [cells](size_t i) { return cells[i].get(); });
-}
-
-// A row as a caller's function receives it when rows are built first.
-Ref row_tuple(const Ref* cells, size_t count) {
-  Ref row = own(PyTuple_New(static_cast<Py_ssize_t>(count)));
-  for (size_t i = 0; i < count; ++i) {
-    PyTuple_SET_ITEM(row.get(), static_cast<Py_ssize_t>(i), Ref(cells[i]).release());
-  }
-  return row;
-}
-
-// What our own `_table` writes before the rows: `_row(header)`, then `_row` of the rule.
-// A header the renderers give is a tuple, which our own `_row` and the rule read without
-// observable steps: those lines are written straight into the output.
-void write_head(const Env& env, LineJoiner& out, PyObject* header) {
-  bool tuple = PyTuple_CheckExact(header);
-  auto size = static_cast<size_t>(tuple ? PyTuple_GET_SIZE(header) : 0);
-  Ref header_row = lookup(env, Id::row);
-  if (tuple && is_native(header_row.get(), kRow)) {
-    write_row(out, size,
-              [header](size_t i) { return PyTuple_GET_ITEM(header, static_cast<Py_ssize_t>(i)); });
-  } else {
-    out.line(call_found(header_row.get(), {header}).get());
-  }
-  Ref rule_row = lookup(env, Id::row);
-  if (tuple && is_native(rule_row.get(), kRow)) {
-    write_row(out, size, [&env](size_t) { return env.name(Id::rule); });
-  } else {
-    out.line(call_found(rule_row.get(), {rule_cells(env, header).get()}).get());
-  }
 }
 
 }  // namespace
 
-PyType_Spec rows_type_spec = {"registry_docs.table_rows", sizeof(Lazy<Rows>), 0, kLazyFlags,
-                              lazy_slots<Rows>};
-PyType_Spec row_type_spec = {"registry_docs.table_row", sizeof(Lazy<Cells>), 0, kLazyFlags,
-                             lazy_slots<Cells>};
+PyType_Spec rows_type_spec = {"registry_docs.table_rows", sizeof(Lazy), 0, kLazyFlags,
+                              lazy_slots<rows_next>};
+PyType_Spec row_type_spec = {"registry_docs.table_row", sizeof(Lazy), 0, kLazyFlags,
+                             lazy_slots<row_next>};
 
-Ref cell_text(PyObject* text) {
-  check(PyUnicode_READY(text));
-  Py_ssize_t size = PyUnicode_GET_LENGTH(text);
-  switch (PyUnicode_KIND(text)) {
-    case PyUnicode_1BYTE_KIND:
-      return cell_of_kind(text, PyUnicode_1BYTE_DATA(text), size);
-    case PyUnicode_2BYTE_KIND:
-      return cell_of_kind(text, PyUnicode_2BYTE_DATA(text), size);
-    default:
-      return cell_of_kind(text, PyUnicode_4BYTE_DATA(text), size);
-  }
+Ref lazy_rows(const Env& env, Ref tools, RowOf row) {
+  return make_lazy(env.state->rows_type.get(), env.module, env.state->object, std::move(tools), row,
+                   0);
 }
 
 Ref strip_text(const Env& env, PyObject* text) {
@@ -417,51 +426,14 @@ void LineJoiner::lines(PyObject* iterable) {
   while (Ref item = next(iterator.get())) line(item.get());
 }
 
-void write_table(const Env& env, LineJoiner& out, PyObject* header, Rows rows) {
-  Ref table = lookup(env, Id::table);
-  if (!is_native(table.get(), kTable)) {
-    Ref lazy = wrap(env, env.state->rows_type.get(), std::move(rows));
-    out.lines(call_found(table.get(), {header, lazy.get()}).get());
-    return;
-  }
-  write_head(env, out, header);
-  // `*(_row(row) for row in rows)`: each row is taken before `_row` is looked up for it.
-  std::vector<Ref> cells;
-  while (auto row = rows.next()) {
-    Ref row_fn = lookup(env, Id::row);
-    if (is_native(row_fn.get(), kRow)) {
-      cells.clear();
-      drain(std::move(*row), cells);
-      write_row(out, cells.data(), cells.size());
-    } else {
-      Ref lazy = wrap(env, env.state->row_type.get(), std::move(*row));
-      out.line(call_found(row_fn.get(), {lazy.get()}).get());
-    }
-  }
-}
-
-void write_table(const Env& env, LineJoiner& out, PyObject* header, BuiltRows rows) {
-  Ref table = lookup(env, Id::table);
-  if (!is_native(table.get(), kTable)) {
-    Ref list = own(PyList_New(static_cast<Py_ssize_t>(rows.ends.size())));
-    for (size_t i = 0, start = 0; i < rows.ends.size(); start = rows.ends[i++]) {
-      Ref row = row_tuple(rows.cells.data() + start, rows.ends[i] - start);
-      PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), row.release());
-    }
-    out.lines(call_found(table.get(), {header, list.get()}).get());
-    return;
-  }
-  write_head(env, out, header);
-  for (size_t i = 0, start = 0; i < rows.ends.size(); start = rows.ends[i++]) {
-    Ref row_fn = lookup(env, Id::row);
-    if (is_native(row_fn.get(), kRow)) {
-      write_row(out, rows.cells.data() + start, rows.ends[i] - start);
-    } else {
-      out.line(call_found(row_fn.get(),
-                          {row_tuple(rows.cells.data() + start, rows.ends[i] - start).get()})
-                   .get());
-    }
-  }
+void write_table(const Env& env, LineJoiner& out, PyObject* header, PyObject* rows) {
+  Global table = lookup(env, Id::table);
+  if (!table.is(kTable)) return out.lines(table(header, rows).get());
+  write_row(env, out, lookup(env, Id::row), header);
+  Global rule_row = lookup(env, Id::row);  // found before the rule's cells are made
+  write_row(env, out, rule_row, rule_cells(env, header).get());
+  // Each row is taken before `_row` is looked up for it.
+  for_each(rows, [&](PyObject* cells) { write_row(env, out, lookup(env, Id::row), cells); });
 }
 
 const FunctionDef kCode = {"_code",  "Text as a Markdown code span.", 1, {"text"}, {"str"}, "str",

@@ -1,9 +1,7 @@
 // Markdown primitives: code spans, table cells, rows, tables and the spelling of values.
 #pragma once
-#include <vector>
-
 #include "function.h"
-#include "generator.h"
+#include "text.h"
 
 namespace registry_docs {
 
@@ -13,12 +11,10 @@ extern const FunctionDef kRow;
 extern const FunctionDef kTable;
 extern const FunctionDef kValue;
 
-// The lazy rows a replaced `_table` reads, and one lazy row; made per module into its state.
+// The lazy rows a renderer hands to `_table`, and one lazy row; made per module into its state.
 extern PyType_Spec rows_type_spec;
 extern PyType_Spec row_type_spec;
 
-// Text as `_cell` makes it, for a str: whitespace runs collapsed, ends trimmed, bars escaped.
-Ref cell_text(PyObject* text);
 // `text.strip()`: natively for a str, through the method otherwise.
 Ref strip_text(const Env& env, PyObject* text);
 
@@ -30,17 +26,17 @@ class LineJoiner : public JoinWriter {
   void lines(PyObject* iterable);  // every item of an iterable, as `*iterable` spreads it
 };
 
-// Rows read in full before the table is made: every row's cells, in order, one after another.
-struct BuiltRows {
-  std::vector<Ref> cells;
-  std::vector<size_t> ends;  // where each row's cells end
-};
+// A table row stated as its cells, as a generator states them with `yield`: `row(env, tool,
+// number, i)` computes cell i of the row of `tool` (numbered from 1), or gives null past the last.
+// A row holds nothing but its tool and number, so each cell is made from the module as it is when
+// the cell is read, however late.
+using RowOf = Ref (*)(const Env& env, PyObject* tool, Py_ssize_t number, int cell);
 
-// Appends `*_table(header, rows)` to `out`, with `_table` as bound now: our own writes the lines
-// natively (through `_row` as bound for each row), a replacement gets the rows as lazy iterators
-// of lazy cells that stay valid after the renderer returned.
-void write_table(const Env& env, LineJoiner& out, PyObject* header, Rows rows);
-// The same for rows built first: a replacement gets them as a list of tuples.
-void write_table(const Env& env, LineJoiner& out, PyObject* header, BuiltRows rows);
+// `(row(number, tool) for number, tool in enumerate(tools, 1))`, with `tools` an iterator.
+Ref lazy_rows(const Env& env, Ref tools, RowOf row);
+
+// Appends `*_table(header, rows)` to `out`, with `_table` and `_row` as bound now; our own
+// `_table` and `_row` write the lines straight into it.
+void write_table(const Env& env, LineJoiner& out, PyObject* header, PyObject* rows);
 
 }  // namespace registry_docs

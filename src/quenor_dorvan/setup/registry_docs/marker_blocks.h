@@ -34,7 +34,7 @@ struct Replacement {
 };
 
 // The body of such a `render`: the match is a Python match object.
-Ref render_match(const Env& env, PyObject* match, Fill fill);
+Ref render_match(const Env& env, PyObject* match, Fill fill, PyObject* const* held);
 
 // `marker.sub(render, text)` with `render` the replacement holding `held`: each block of the text
 // filled anew, in text order, the text between blocks kept.

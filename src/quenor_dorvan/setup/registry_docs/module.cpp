@@ -1,4 +1,20 @@
 // The module's entry point and the module body that runs once, at import.
+//
+// The layers, bottom to top; an include only points down:
+//   compat.h          every difference between CPython versions
+//   py.*              the owning handle, the error channel, calls
+//   text.*            the text builder
+//   markers.h         the linear marker scanner (pure C++)
+//   module_state.*    what one imported module owns: interned names, marker, types
+//   function.*        the native function type and the per-call name lookup
+//   registry_inputs.* the host imports
+//   markdown.*        code spans, cells, rows, the one table writer, value spelling, lazy rows
+//   listing.*         tool order, tier groups and counts, action cells, CLI usage
+//   marker_blocks.*   blocks found and replaced through `_MARKER`
+//   blocks.*          one renderer per block kind, the two string-literal encoders
+//   catalogue.*       GeneratedFile and the catalogue
+//   maintenance.*     the file renderer, the check and the writer
+//   module.cpp        this file: the state assembled, the module body
 #include "blocks.h"
 #include "catalogue.h"
 #include "compat.h"
@@ -98,11 +114,19 @@ void bind_functions(const State& state, PyObject* module, const FunctionDef* con
   }
 }
 
+Ref type_from(PyObject* module, PyType_Spec& spec) {
+  return own(PyType_FromModuleAndSpec(module, &spec, nullptr));
+}
+
 // The module body, in its order: bookkeeping, imports, globals, functions and the record type.
 void run_module_body(PyObject* module) {
   PyObject* globals = PyModule_GetDict(module);
   Ref state_object = make_state(module);
   State& state = state_of(state_object.get());
+  state.function_type = type_from(module, function_type_spec);
+  state.rows_type = type_from(module, rows_type_spec);
+  state.row_type = type_from(module, row_type_spec);
+  state.shown = make_shown_texts();
   bookkeeping(globals);
   PyObject* importer = PyDict_GetItemString(PyEval_GetBuiltins(), "__import__");
   if (!importer) {

@@ -2,10 +2,6 @@
 
 #include <new>
 
-#include "blocks.h"
-#include "function.h"
-#include "markdown.h"
-
 namespace registry_docs {
 
 namespace {
@@ -66,10 +62,6 @@ PyType_Spec state_spec = {
     state_slots,
 };
 
-Ref type_from(PyObject* module, PyType_Spec& spec) {
-  return own(PyType_FromModuleAndSpec(module, &spec, nullptr));
-}
-
 }  // namespace
 
 PyObject* State::function_name(const char* text) const {
@@ -85,7 +77,7 @@ State& state_of(PyObject* state_object) {
 }
 
 Ref make_state(PyObject* module) {
-  Ref type = type_from(module, state_spec);
+  Ref type = own(PyType_FromModuleAndSpec(module, &state_spec, nullptr));
   auto* object = PyObject_GC_New(StateObject, reinterpret_cast<PyTypeObject*>(type.get()));
   if (!object) raise();
   new (&object->state) State();
@@ -95,10 +87,6 @@ Ref make_state(PyObject* module) {
   for (int i = 0; i < static_cast<int>(Id::count); ++i) {
     state.names[i] = own(PyUnicode_InternFromString(kNameTexts[i]));
   }
-  state.function_type = type_from(module, function_type_spec);
-  state.rows_type = type_from(module, rows_type_spec);
-  state.row_type = type_from(module, row_type_spec);
-  state.shown = make_shown_texts();
   PyObject_GC_Track(holder.get());
   return holder;
 }

@@ -119,11 +119,11 @@ enum class Id {
 
 struct State {
   Ref names[static_cast<int>(Id::count)];
-  Ref marker;         // the `_MARKER` pattern the module compiled at import
-  Ref function_type;  // the module's function type
-  Ref rows_type;      // the lazy rows a replaced `_table` reads
-  Ref row_type;       // one lazy row
-  Ref shown;          // the texts and headers the block renderers show (made by blocks.cpp)
+  Ref marker;                  // the `_MARKER` pattern the module compiled at import
+  Ref function_type;           // the module's function type
+  Ref rows_type;               // the lazy rows a replaced `_table` reads
+  Ref row_type;                // one lazy row
+  Ref shown;                   // the texts and headers the block renderers show
   PyObject* object = nullptr;  // the object this state lives in, for what must keep it alive
 
   PyObject* name(Id id) const { return names[static_cast<int>(id)].get(); }
@@ -134,8 +134,8 @@ struct State {
   mutable std::vector<std::pair<const char*, Ref>> function_names_;  // by the definition's text
 };
 
-// Makes the state object of a module being executed: its interned names and types are ready, the
-// marker is set by the module body.
+// Makes the state object of a module being executed, with its interned names; the module body
+// sets the rest.
 Ref make_state(PyObject* module);
 // The state held by a state object.
 State& state_of(PyObject* state_object);
@@ -143,9 +143,8 @@ State& state_of(PyObject* state_object);
 // What a running body needs: the module state and the namespace its names are looked up in.
 struct Env {
   const State* state;
-  PyObject* module;              // borrowed: the running function object holds it
-  PyObject* globals;             // the module's dict, borrowed likewise
-  PyObject* function = nullptr;  // the running function object, when a body runs in one
+  PyObject* module;   // borrowed: the running function object holds it
+  PyObject* globals;  // the module's dict, borrowed likewise
 
   PyObject* name(Id id) const { return state->name(id); }
   PyObject* marker() const { return state->marker.get(); }

@@ -1,9 +1,7 @@
-// The owning reference handle, the one error channel and the few CPython helpers every subsystem
-// shares.
+// The owning reference handle, the one error channel and the calls every subsystem shares.
 #pragma once
 #include <Python.h>
 
-#include <cstring>
 #include <initializer_list>
 #include <new>
 #include <utility>
@@ -60,6 +58,14 @@ class Ref {
   PyObject* obj_ = nullptr;
 };
 
+// The object an argument stands for, whether it is given as a handle or as a plain pointer.
+inline PyObject* ptr(PyObject* obj) {
+  return obj;
+}
+inline PyObject* ptr(const Ref& ref) {
+  return ref.get();
+}
+
 // Takes over the result of a C API call that returns a new reference, or null with an exception
 // set.
 inline Ref own(PyObject* obj) {
@@ -79,127 +85,6 @@ auto guarded(Body body, Failed failed) noexcept -> decltype(body()) {
   }
   return failed;
 }
-
-// Builds one str without repeated concatenation: characters are copied as they come, into a small
-// buffer of its own and then into chunks, in the narrowest kind that holds those written so far,
-// and copied once more into a str of exact size and kind at the end. Chunks of bounded size are
-// reused by the allocator from one text to the next, where one growing buffer would take fresh
-// pages. A text made of one whole str alone is that str.
-class TextWriter {
- public:
-  TextWriter() = default;
-  ~TextWriter();
-  TextWriter(const TextWriter&) = delete;
-  TextWriter& operator=(const TextWriter&) = delete;
-
-  TextWriter& str(PyObject* text) {  // text must be a str (any subclass)
-    return substring(text, 0, PyUnicode_GET_LENGTH(text));
-  }
-  // ASCII text (copied at once).
-  TextWriter& ascii(const char* text, Py_ssize_t size) {
-    if (kind_ == PyUnicode_1BYTE_KIND && !sole_ && size <= end_ - pos_) {
-      if (size <= 0) return *this;
-      copy_chars(pos_, text, size);
-      pos_ += size;
-      if (widest_ < 127) widest_ = 127;
-      return *this;
-    }
-    return ascii_slow(text, size);
-  }
-  template <Py_ssize_t N>
-  TextWriter& lit(const char (&text)[N]) {
-    return ascii(text, N - 1);
-  }
-  // What an f-string writes for a replacement field without a spec: `format(value)`.
-  TextWriter& format(PyObject* value);
-  TextWriter& number(Py_ssize_t n);
-  TextWriter& substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
-    // The common case inline: one-byte characters, no wider than those written so far, and room.
-    // (Nothing written yet takes the other path, which may keep a whole str as it is.)
-    if (start < end && kind_ == PyUnicode_1BYTE_KIND && pos_ != inline_ &&
-        PyUnicode_IS_READY(text) && PyUnicode_KIND(text) == PyUnicode_1BYTE_KIND &&
-        end - start <= end_ - pos_ &&
-        (PyUnicode_IS_ASCII(text) ? widest_ >= 127 : widest_ >= 255)) {
-      copy_chars(pos_, PyUnicode_1BYTE_DATA(text) + start, end - start);
-      pos_ += end - start;
-      return *this;
-    }
-    return substring_slow(text, start, end);
-  }
-  Ref finish();
-
- private:
-  struct Chunk {
-    Chunk* next;
-    Py_ssize_t used;      // bytes
-    Py_ssize_t capacity;  // bytes
-    char* data() { return reinterpret_cast<char*>(this + 1); }
-  };
-
-  // Copies `length` characters stored at `kind`, none wider than `widest`.
-  void write(const void* data, int kind, Py_ssize_t length, Py_UCS4 widest);
-  TextWriter& ascii_slow(const char* text, Py_ssize_t size);
-  TextWriter& substring_slow(PyObject* text, Py_ssize_t start, Py_ssize_t end);
-  // Most pieces are a few characters (a separator, a word, a cell): overlapping fixed-size copies
-  // spare the call.
-  static void copy_chars(char* out, const void* from, Py_ssize_t size) {
-    auto* in = static_cast<const char*>(from);
-    if (size >= 8 && size <= 16) {
-      memcpy(out, in, 8);
-      memcpy(out + size - 8, in + size - 8, 8);
-    } else if (size >= 4 && size < 8) {
-      memcpy(out, in, 4);
-      memcpy(out + size - 4, in + size - 4, 4);
-    } else if (size < 4) {
-      if (size > 0) out[0] = in[0];
-      if (size > 1) out[1] = in[1];
-      if (size > 2) out[2] = in[2];
-    } else {
-      memcpy(out, in, static_cast<size_t>(size));
-    }
-  }
-  // Room for `length` more characters at `kind`, at least the present one.
-  void grow(Py_ssize_t length, int kind);
-  // Calls f(data, bytes) for each stretch written, in order.
-  template <typename F>
-  void each(F f);
-  Py_ssize_t length() const;  // characters
-  void free_chunks();
-  void flush_sole();
-
-  static constexpr Py_ssize_t kInline = 240;  // bytes: most cells and short lines fit
-  char inline_[kInline];
-  Py_ssize_t inline_used_ = 0;  // bytes, once writing has moved on to the chunks
-  char* pos_ = inline_;         // where the next character goes
-  char* end_ = inline_ + kInline;
-  Chunk* first_ = nullptr;
-  Chunk* last_ = nullptr;  // the chunk pos_ is in, if any
-  Py_ssize_t before_ = 0;  // characters in the stretches before pos_'s
-  int kind_ = PyUnicode_1BYTE_KIND;
-  Py_UCS4 widest_ = 0;
-  PyObject* sole_ = nullptr;  // the first piece while it is a whole exact str alone, not yet copied
-};
-
-// Writes `separator.join(items)` item by item into one str. An item that is not a str is reported
-// as join reports it, and only once every item has been given (join sees them all first).
-class JoinWriter {
- public:
-  explicit JoinWriter(const char* separator);
-  // One whole item.
-  void item(PyObject* text);
-  // Starts the next item and gives the writer for its pieces; null once an earlier item was not a
-  // str, when the remaining items are only counted.
-  TextWriter* start();
-  Ref finish();
-
- private:
-  TextWriter writer_;
-  const char* separator_;
-  Py_ssize_t separator_size_;
-  Py_ssize_t count_ = 0;
-  Ref bad_item_;
-  Py_ssize_t bad_index_ = -1;
-};
 
 // `next(iterator)`: the next item, or a null Ref at the end.
 inline Ref next(PyObject* iterator) {
@@ -234,8 +119,10 @@ inline Ref getattr(PyObject* obj, PyObject* attr) {
 inline Ref subscript(PyObject* obj, PyObject* key) {
   return own(PyObject_GetItem(obj, key));
 }
-// `mapping.get(key)`: None when absent (exact dicts take the direct path).
-Ref mapping_get(PyObject* mapping, PyObject* key, PyObject* get_method_name);
+// `mapping.get(key)`, or `mapping.get(key, fallback)` when one is given (exact dicts take the
+// direct path).
+Ref mapping_get(PyObject* mapping, PyObject* key, PyObject* get_method_name,
+                PyObject* fallback = nullptr);
 
 inline Ref text(const char* utf8) {
   return own(PyUnicode_FromString(utf8));
@@ -252,8 +139,6 @@ inline bool truth(PyObject* obj) {
 inline bool compare(PyObject* a, PyObject* b, int op) {
   return truth(own(PyObject_RichCompare(a, b, op)).get());
 }
-// `open + text + close` for a str and two ASCII characters, built at its exact size.
-Ref enclosed(char open, PyObject* text, char close);
 // `separator.join(items)`.
 inline Ref join(PyObject* separator, PyObject* items) {
   return own(PyUnicode_Join(separator, items));

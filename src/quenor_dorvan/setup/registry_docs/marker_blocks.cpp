@@ -1,8 +1,10 @@
+#include "marker_blocks.h"
+
 #include <array>
 #include <vector>
 
-#include "marker_blocks.h"
 #include "markers.h"
+#include "text.h"
 
 namespace registry_docs {
 
@@ -176,9 +178,9 @@ Ref compile_marker(PyObject* module) {
   return call(compile.get(), {text(kMarkerPattern).get(), flag.get()});
 }
 
-Ref render_match(const Env& env, PyObject* match, Fill fill) {
+Ref render_match(const Env& env, PyObject* match, Fill fill, PyObject* const* held) {
   Ref open = subscript(match, env.name(Id::open));
-  Ref filled = fill(env, ObjectMatch(env, match), closure_values(env));
+  Ref filled = fill(env, ObjectMatch(env, match), held);
   Ref piece = own(PyNumber_Add(open.get(), filled.get()));
   piece = own(PyNumber_Add(piece.get(), env.name(Id::newline)));
   Ref close = subscript(match, env.name(Id::close));
