@@ -49,6 +49,13 @@ BENCH_ARGS ?=
 bench: build
 	PYTHONPATH=$(BUILD)/host $(PYTHON) bench/run.py $(BENCH_ARGS)
 
+# Instructions per catalogue at 500 tools, counted by callgrind (bench/callgrind.py; options in
+# CALLGRIND_ARGS, e.g. "--case stale_blocks --runs 10 --keep cg").
+.PHONY: callgrind
+CALLGRIND_ARGS ?=
+callgrind: build
+	PYTHONPATH=$(BUILD)/host $(PYTHON) bench/callgrind.py $(CALLGRIND_ARGS)
+
 # The interpreter found (or given), for commands run outside make: "$(make -s python)".
 .PHONY: python
 python:
