@@ -32,6 +32,12 @@ def catalogue_floor(ns, markers):
     for _ in range(markers):
         rules_table()
     ns["without_markers"](rules_text)
+    _table_reads(tools, tiers)
+    _mcp_reads(tools, tiers, snake_to_kebab)
+
+
+def _table_reads(tools, tiers):
+    """skill-tools, readme-tools and mcp-intro: the orderings, rows and tier counts."""
     # skill-tools
     len(tools)
     len(tools)
@@ -57,6 +63,10 @@ def catalogue_floor(ns, markers):
     for tier in tiers:
         for tool in tools:
             tool.tier
+
+
+def _mcp_reads(tools, tiers, snake_to_kebab):
+    """mcp-overview and mcp-cli: the orderings, rows, tier counts and usage lines."""
     # mcp-overview: the order and the rows, then each tier's count and names
     len(tools)
     for tool in tools:

@@ -235,7 +235,110 @@ def verdict(ok):
     return "PASS" if ok else "FAIL"
 
 
-def main():
+def renderer_runs(workload):
+    """The cases timed against the model, by label: each makes its run from a namespace, the
+    module's or the model's."""
+    return {
+        "catalogue": lambda ns: (lambda: catalogue(ns, workload.texts)),
+        "mcp_params_block, every tool": lambda ns: (
+            lambda: [ns["mcp_params_block"](tool) for tool in ns["TOOLS"]]),
+        "mcp_cli_block": lambda ns: ns["mcp_cli_block"],
+        "README table": lambda ns: ns["readme_tools_block"],
+        "skill table": lambda ns: ns["skill_tools_block"],
+    }
+
+
+def time_cases(small, large, repeats):
+    """Every timed case: each renderer of the module and of the model, stale_blocks of both on a
+    current repository, and with the catalogue its floor and both at the large size."""
+    module, model, markers = docs.__dict__, small.model, rules_markers()
+    with tempfile.TemporaryDirectory() as directory:
+        root = small.repository(directory)
+        with small.installed():
+            docs.write_blocks(root)
+            if docs.stale_blocks(root) or model["stale_blocks"](root):
+                sys.exit("the repository written by write_blocks is not current")
+        groups = [[(label, small, make(module)), (label + " model", small, make(model))]
+                  for label, make in renderer_runs(small).items()]
+        groups[0] += [("catalogue floor", small, lambda: catalogue_floor(module, markers)),
+                      ("catalogue large", large, lambda: catalogue(module, large.texts)),
+                      ("catalogue floor large", large, lambda: catalogue_floor(module, markers))]
+        groups.insert(1, [("stale_blocks", small, lambda: docs.stale_blocks(root)),
+                          ("stale_blocks model", small, lambda: model["stale_blocks"](root))])
+        return Times(groups, repeats)
+
+
+def own_work(times):
+    """The catalogue's own work (its time less the floor's), and the median ratio of it to the
+    floor."""
+    return (times["catalogue"] - times["catalogue floor"],
+            times.ratio("catalogue", "catalogue floor", minus="catalogue floor"))
+
+
+def report_heading(args, counts):
+    print(f"registry_docs benchmark: {args.tools:,} tools ({args.large:,} for linearity and memory), "
+          f"the example's 14 tools cloned; medians of {args.repeats} samples of CPU time, ms")
+    print(f"host-call floor: a tight Python loop (bench/host_floor.py), {sum(counts.values()):,} "
+          f"host calls and reads of {len(counts)} kinds, counted equal to the module's and the "
+          "model's")
+
+
+def report_times(times, args):
+    print(f"\n{'':34}{'module':>10}{'model':>10}{'model/module':>14}")
+    for label in [label for label in times.samples if label + " model" in times.samples]:
+        ratio = times.ratio(label + " model", label)
+        print(f"{label:34}{ms(times[label])}{ms(times[label + ' model'])}{ratio:13.2f}x")
+    own, own_ratio = own_work(times)
+    linear = times.ratio("catalogue large", "catalogue")
+    print(f"{'  catalogue host-call floor':34}{ms(times['catalogue floor'])}")
+    print(f"{'  catalogue own work (total-floor)':34}{ms(own)}{'':10}{own_ratio:13.2f}x floor")
+    print(f"{'catalogue, ' + format(args.large, ',') + ' tools':34}{ms(times['catalogue large'])}"
+          f"{'':10}{linear:13.2f}x {args.tools:,}")
+    print(f"{'  its host-call floor':34}{ms(times['catalogue floor large'])}{'':10}"
+          f"{times.ratio('catalogue floor large', 'catalogue floor'):13.2f}x {args.tools:,}")
+
+
+def report_small_calls(calls):
+    print("\nsmall calls, ns per call, median [quartiles]; ratio quartiles over paired samples")
+    for call, ((c1, c2, c3), peer, (p1, p2, p3), (r1, r2, r3)) in calls.items():
+        print(f"  {call:14}{c2:6.1f} [{c1:.1f}, {c3:.1f}]   {peer:15}{p2:6.1f} [{p1:.1f}, {p3:.1f}]"
+              f"   ratio {r2:.2f} [{r1:.2f}, {r3:.2f}]")
+
+
+def report_memory(peak, size):
+    texts = peak["old"] + peak["new"]
+    print(f"\nwrite_blocks at {size:,} tools ({peak['written']} files written): resident "
+          f"high-water rise {peak['rss'] / 2**20:.1f} MiB"
+          f"{'' if peak['reset'] else ' (high-water mark not reset: a lower bound)'}, tracemalloc peak "
+          f"{peak['traced'] / 2**20:.1f} MiB; old + new texts {texts / 2**20:.1f} MiB")
+
+
+def report_targets(times, calls, peak, args):
+    """Each target, named by what it compares, with its bound, this run's figure and the verdict."""
+    speed = times.ratio("catalogue model", "catalogue")
+    stale = times.ratio("stale_blocks model", "stale_blocks")
+    own, own_ratio = own_work(times)
+    floor = times["catalogue floor"]
+    linear = times.ratio("catalogue large", "catalogue")
+    limit = 1.1 * args.large / args.tools  # 11x for ten times the tools
+    texts, worst = peak["old"] + peak["new"], max(peak["rss"], peak["traced"])
+    cell = calls['_cell("a b")'][3]
+    print("\ntargets:")
+    print(f"  1a catalogue against the model, at least 5x (aim 10x): {speed:.2f}x  "
+          f"{verdict(speed >= 5)}")
+    print(f"  1b catalogue own work against the host-call floor, at most 1x: {own * 1e3:.2f} ms "
+          f"against {floor * 1e3:.2f} ms ({own_ratio:.2f}x)  {verdict(own_ratio <= 1)}")
+    print(f"  2  stale_blocks against the model, at least 4x: {stale:.2f}x  {verdict(stale >= 4)}")
+    print(f"  3a catalogue at {args.large:,} tools against {args.tools:,}, at most {limit:.1f}x: "
+          f"{linear:.2f}x  {verdict(linear <= limit)}")
+    print(f"  3b write_blocks peak memory at {args.large:,} tools against the old + new texts, "
+          f"at most 3x: {worst / texts:.2f}x (the larger of the two peaks)  "
+          f"{verdict(worst <= 3 * texts)}")
+    print(f"  4  _cell(\"a b\") against \"a b\".strip(), at most 2x: {cell[1]:.2f}x "
+          f"[{cell[0]:.2f}, {cell[2]:.2f}]  {verdict(cell[1] <= 2)}")
+
+
+def parse_args():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--tools", type=int, default=2000, help="registry size (default 2000)")
     parser.add_argument("--large", type=int, default=20000,
@@ -247,89 +350,24 @@ def main():
                         help="only run the module's catalogue or stale_blocks --repeats times "
                              "(for perf and callgrind)")
     parser.add_argument("--memory-child", type=int, help=argparse.SUPPRESS)
-    args = parser.parse_args()
+    return parser.parse_args()
+
+
+def main():
+    args = parse_args()
     if args.memory_child:
         return memory_child(args.memory_child)
     if args.profile:
         return profile(args.profile, args.tools, args.repeats)
-
     small, large = Workload(args.tools), Workload(args.large)
-    counts = verify_floor(small)
-    markers = rules_markers()
-    print(f"registry_docs benchmark: {args.tools:,} tools ({args.large:,} for linearity and memory), "
-          f"the example's 14 tools cloned; medians of {args.repeats} samples of CPU time, ms")
-    print(f"host-call floor: a tight Python loop (bench/host_floor.py), {sum(counts.values()):,} "
-          f"host calls and reads of {len(counts)} kinds, counted equal to the module's and the "
-          "model's")
-
-    module, model = docs.__dict__, small.model
-    run = {
-        "catalogue": lambda ns: (lambda: catalogue(ns, small.texts)),
-        "mcp_params_block, every tool": lambda ns: (
-            lambda: [ns["mcp_params_block"](tool) for tool in ns["TOOLS"]]),
-        "mcp_cli_block": lambda ns: ns["mcp_cli_block"],
-        "README table": lambda ns: ns["readme_tools_block"],
-        "skill table": lambda ns: ns["skill_tools_block"],
-    }
-    with tempfile.TemporaryDirectory() as directory:
-        root = small.repository(directory)
-        with small.installed():
-            docs.write_blocks(root)
-            if docs.stale_blocks(root) or model["stale_blocks"](root):
-                sys.exit("the repository written by write_blocks is not current")
-        groups = [[(label, small, make(module)), (label + " model", small, make(model))]
-                  for label, make in run.items()]
-        groups[0] += [("catalogue floor", small, lambda: catalogue_floor(module, markers)),
-                      ("catalogue large", large, lambda: catalogue(module, large.texts)),
-                      ("catalogue floor large", large, lambda: catalogue_floor(module, markers))]
-        groups.insert(1, [("stale_blocks", small, lambda: docs.stale_blocks(root)),
-                          ("stale_blocks model", small, lambda: model["stale_blocks"](root))])
-        times = Times(groups, args.repeats)
+    report_heading(args, verify_floor(small))
+    times = time_cases(small, large, args.repeats)
     calls = small_calls(max(args.repeats, 5) * 11, args.number)
     peak = memory(args.large)
-
-    print(f"\n{'':34}{'module':>10}{'model':>10}{'model/module':>14}")
-    for label in ["catalogue", "stale_blocks", *list(run)[1:]]:
-        ratio = times.ratio(label + " model", label)
-        print(f"{label:34}{ms(times[label])}{ms(times[label + ' model'])}{ratio:13.2f}x")
-    floor = times["catalogue floor"]
-    own, own_ratio = times["catalogue"] - floor, times.ratio("catalogue", "catalogue floor",
-                                                             minus="catalogue floor")
-    linear = times.ratio("catalogue large", "catalogue")
-    print(f"{'  catalogue host-call floor':34}{ms(floor)}")
-    print(f"{'  catalogue own work (total-floor)':34}{ms(own)}{'':10}{own_ratio:13.2f}x floor")
-    print(f"{'catalogue, ' + format(args.large, ',') + ' tools':34}{ms(times['catalogue large'])}"
-          f"{'':10}{linear:13.2f}x {args.tools:,}")
-    print(f"{'  its host-call floor':34}{ms(times['catalogue floor large'])}{'':10}"
-          f"{times.ratio('catalogue floor large', 'catalogue floor'):13.2f}x {args.tools:,}")
-
-    print("\nsmall calls, ns per call, median [quartiles]; ratio quartiles over paired samples")
-    for call, ((c1, c2, c3), peer, (p1, p2, p3), (r1, r2, r3)) in calls.items():
-        print(f"  {call:14}{c2:6.1f} [{c1:.1f}, {c3:.1f}]   {peer:15}{p2:6.1f} [{p1:.1f}, {p3:.1f}]"
-              f"   ratio {r2:.2f} [{r1:.2f}, {r3:.2f}]")
-
-    texts = peak["old"] + peak["new"]
-    worst = max(peak["rss"], peak["traced"])
-    print(f"\nwrite_blocks at {args.large:,} tools ({peak['written']} files written): resident "
-          f"high-water rise {peak['rss'] / 2**20:.1f} MiB"
-          f"{'' if peak['reset'] else ' (high-water mark not reset: a lower bound)'}, tracemalloc peak "
-          f"{peak['traced'] / 2**20:.1f} MiB; old + new texts {texts / 2**20:.1f} MiB")
-
-    speed = times.ratio("catalogue model", "catalogue")
-    stale = times.ratio("stale_blocks model", "stale_blocks")
-    cell = calls['_cell("a b")']
-    print("\ntargets of issue 15:")
-    print(f"  1a catalogue >= 5x the model (aim 10x): {speed:.2f}x  {verdict(speed >= 5)}")
-    print(f"  1b own work <= floor: {own * 1e3:.2f} ms against {floor * 1e3:.2f} ms "
-          f"({own_ratio:.2f}x)  {verdict(own_ratio <= 1)}")
-    print(f"  2  stale_blocks >= 4x the model: {stale:.2f}x  {verdict(stale >= 4)}")
-    limit = 1.1 * args.large / args.tools  # 11x for ten times the tools
-    print(f"  3a catalogue at {args.large:,} <= {limit:.1f}x at {args.tools:,}: {linear:.2f}x  "
-          f"{verdict(linear <= limit)}")
-    print(f"  3b write_blocks peak <= 3x (old + new texts): {worst / texts:.2f}x (the larger of "
-          f"the two peaks)  {verdict(worst <= 3 * texts)}")
-    print(f"  4  _cell(\"a b\") <= 2x \"a b\".strip(): {cell[3][1]:.2f}x "
-          f"[{cell[3][0]:.2f}, {cell[3][2]:.2f}]  {verdict(cell[3][1] <= 2)}")
+    report_times(times, args)
+    report_small_calls(calls)
+    report_memory(peak, args.large)
+    report_targets(times, calls, peak, args)
 
 
 if __name__ == "__main__":
