@@ -167,11 +167,11 @@ void unexpected_keyword(PyObject* function_name, const FunctionDef& def, PyObjec
 }
 
 // Binds positional and keyword arguments the way CPython binds a plain def with no defaults,
-// with its error texts.
+// with its error texts, which name the function by its qualified name as a def's do.
 bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t nargs,
                     PyObject* kwnames, PyObject** bound) {
   const FunctionDef& def = *f->def;
-  PyObject* shown = compat::kArgumentErrorsUseQualname ? f->qualname : f->name;
+  PyObject* shown = f->qualname;
   for (int i = 0; i < def.nparams; ++i) bound[i] = i < nargs ? args[i] : nullptr;
   Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
   for (Py_ssize_t k = 0; k < nkw; ++k) {
