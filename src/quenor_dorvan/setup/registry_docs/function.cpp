@@ -29,6 +29,7 @@ struct FunctionObject {
   PyObject* annotations;
   PyObject* signature;
   PyObject* weakrefs;
+  PyObject* dict;  // a caller's own attributes, made when first set
 };
 
 int function_traverse(PyObject* self, visitproc visit, void* arg) {
@@ -41,6 +42,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(f->bound[1]);
   Py_VISIT(f->annotations);
   Py_VISIT(f->signature);
+  Py_VISIT(f->dict);
   return 0;
 }
 
@@ -53,6 +55,7 @@ int function_clear(PyObject* self) {
   Py_CLEAR(f->bound[1]);
   Py_CLEAR(f->annotations);
   Py_CLEAR(f->signature);
+  Py_CLEAR(f->dict);
   return 0;
 }
 
@@ -310,6 +313,19 @@ PyObject* get_signature(PyObject* self, void*) {
   return made_on_first_use(f->signature, *f->def, build_signature);
 }
 
+PyObject* get_no_defaults(PyObject*, void*) {
+  return Ref::borrow(Py_None).release();
+}
+
+// The functions take no defaults. None, which they hold, may be assigned, and the attribute
+// deleted, which a def reads back as None; any other value would go unused, so it is refused.
+int set_no_defaults(PyObject*, PyObject* value, void*) {
+  if (!value || value == Py_None) return 0;
+  PyErr_SetString(PyExc_TypeError,
+                  "registry_docs.function takes no defaults; only None can be assigned");
+  return -1;
+}
+
 // Bound to an instance when read through a class, as a def is.
 PyObject* function_descr_get(PyObject* self, PyObject* obj, PyObject*) {
   if (!obj || obj == Py_None) return Ref::borrow(self).release();
@@ -334,12 +350,16 @@ PyGetSetDef function_getset[] = {
     {"__annotations__", get_annotations, nullptr, nullptr, nullptr},
     {"__globals__", get_globals, nullptr, nullptr, nullptr},
     {"__signature__", get_signature, nullptr, nullptr, nullptr},
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {"__defaults__", get_no_defaults, set_no_defaults, nullptr, nullptr},
+    {"__kwdefaults__", get_no_defaults, set_no_defaults, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
 PyMemberDef function_members[] = {
     {"__vectorcalloffset__", T_PYSSIZET, offsetof(FunctionObject, vectorcall), READONLY, nullptr},
     {"__weaklistoffset__", T_PYSSIZET, offsetof(FunctionObject, weakrefs), READONLY, nullptr},
+    {"__dictoffset__", T_PYSSIZET, offsetof(FunctionObject, dict), READONLY, nullptr},
     {nullptr, 0, 0, 0, nullptr},
 };
 
@@ -394,6 +414,7 @@ Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
   f->annotations = nullptr;
   f->signature = nullptr;
   f->weakrefs = nullptr;
+  f->dict = nullptr;
   PyObject_GC_Track(self.get());
   return self;
 }
