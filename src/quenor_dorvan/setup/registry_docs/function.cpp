@@ -169,18 +169,15 @@ void unexpected_keyword(PyObject* function_name, const FunctionDef& def, PyObjec
   PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", function_name, key);
 }
 
-// Binds positional and keyword arguments the way CPython binds a plain def with no defaults,
-// with its error texts, which name the function by its qualified name as a def's do.
-bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t nargs,
-                    PyObject* kwnames, PyObject** bound) {
+// Binds the keywords after the positional arguments, in the order given; false with the error
+// set at the first keyword that names no parameter, or one already bound.
+bool bind_keywords(const FunctionObject* f, PyObject* const* values, PyObject* kwnames,
+                   PyObject** bound) {
   const FunctionDef& def = *f->def;
-  PyObject* shown = f->qualname;
-  for (int i = 0; i < def.nparams; ++i) bound[i] = i < nargs ? args[i] : nullptr;
-  Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
-  for (Py_ssize_t k = 0; k < nkw; ++k) {
+  for (Py_ssize_t k = 0; k < PyTuple_GET_SIZE(kwnames); ++k) {
     PyObject* key = PyTuple_GET_ITEM(kwnames, k);
     if (!PyUnicode_Check(key)) {
-      PyErr_Format(PyExc_TypeError, "%U() keywords must be strings", shown);
+      PyErr_Format(PyExc_TypeError, "%U() keywords must be strings", f->qualname);
       return false;
     }
     int slot = -1;
@@ -191,36 +188,54 @@ bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t n
       }
     }
     if (slot < 0) {
-      unexpected_keyword(shown, def, key);
+      unexpected_keyword(f->qualname, def, key);
       return false;
     }
     if (bound[slot]) {
-      PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", shown, key);
+      PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", f->qualname, key);
       return false;
     }
-    bound[slot] = args[nargs + k];
+    bound[slot] = values[k];
   }
-  if (nargs > def.nparams) {
-    PyErr_Format(PyExc_TypeError, "%U() takes %d positional argument%s but %zd %s given", shown,
-                 def.nparams, def.nparams == 1 ? "" : "s", nargs, nargs == 1 ? "was" : "were");
-    return false;
-  }
+  return true;
+}
+
+// False with the error set when a parameter is left without a value.
+bool all_bound(const FunctionObject* f, PyObject* const* bound) {
+  const FunctionDef& def = *f->def;
   int missing = 0;
   const char* names[2];
   for (int i = 0; i < def.nparams; ++i) {
     if (!bound[i]) names[missing++] = def.params[i];
   }
   if (missing == 1) {
-    PyErr_Format(PyExc_TypeError, "%U() missing 1 required positional argument: '%s'", shown,
+    PyErr_Format(PyExc_TypeError, "%U() missing 1 required positional argument: '%s'", f->qualname,
                  names[0]);
     return false;
   }
   if (missing == 2) {
     PyErr_Format(PyExc_TypeError, "%U() missing 2 required positional arguments: '%s' and '%s'",
-                 shown, names[0], names[1]);
+                 f->qualname, names[0], names[1]);
     return false;
   }
   return true;
+}
+
+// Binds positional and keyword arguments the way CPython binds a plain def with no defaults,
+// with its error texts, which name the function by its qualified name as a def's do. Keyword
+// errors come before a count of positional arguments that is too high, as the interpreter's do.
+bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t nargs,
+                    PyObject* kwnames, PyObject** bound) {
+  const FunctionDef& def = *f->def;
+  for (int i = 0; i < def.nparams; ++i) bound[i] = i < nargs ? args[i] : nullptr;
+  if (kwnames && !bind_keywords(f, args + nargs, kwnames, bound)) return false;
+  if (nargs > def.nparams) {
+    PyErr_Format(PyExc_TypeError, "%U() takes %d positional argument%s but %zd %s given",
+                 f->qualname, def.nparams, def.nparams == 1 ? "" : "s", nargs,
+                 nargs == 1 ? "was" : "were");
+    return false;
+  }
+  return all_bound(f, bound);
 }
 
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf,
