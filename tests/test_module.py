@@ -4,6 +4,7 @@ import __future__
 import collections.abc
 import copy
 import dataclasses
+import gc
 import inspect
 import os
 import pickle
@@ -14,6 +15,7 @@ import sys
 import tempfile
 import typing
 import unittest
+import weakref
 from pathlib import Path
 
 import quenor_dorvan.setup.config as config
@@ -21,7 +23,7 @@ import quenor_dorvan.tool_registry as registry
 import quenor_dorvan.tool_routes as routes
 import quenor_dorvan.tool_schemas as schemas
 import quenor_dorvan.workers.api_endpoints as endpoints
-from support import DELETE, docs, rebound, tool
+from support import DELETE, docs, python_model, rebound, tool
 from test_stub import stub
 
 # Taken before any test rebinds a name (restoring a deleted name moves it to the end).
@@ -124,6 +126,32 @@ class FunctionTest(unittest.TestCase):
         self.assertIs(copy.copy(docs.cli_usage), docs.cli_usage)
         self.assertIs(copy.deepcopy([docs._cell])[0], docs._cell)
         self.assertIs(pickle.loads(pickle.dumps(docs.ordered_tools)), docs.ordered_tools)
+
+    def test_own_dict_and_no_defaults(self):
+        # Beside the model's defs: a dict a caller may fill, and defaults of None.
+        model = python_model()
+        pairs = [(docs.cli_usage, model["cli_usage"]),
+                 (docs._params_renderer(tool("t")), model["_params_renderer"](tool("t")))]
+
+        def attributes(function):
+            function.custom = 1
+            function.__defaults__ = function.__kwdefaults__ = None
+            seen = vars(function).copy(), function.__defaults__, function.__kwdefaults__
+            del function.custom
+            return seen, vars(function)
+
+        for native, model_function in pairs:
+            with self.subTest(native.__qualname__):
+                self.assertEqual(attributes(native), attributes(model_function))
+                with self.assertRaises(TypeError):  # no defaults to take
+                    native.__defaults__ = (1,)
+        # A closure that holds itself through its dict is collected.
+        closure = docs._params_renderer(tool("t"))
+        closure.itself = closure
+        collected = weakref.ref(closure)
+        del closure
+        gc.collect()
+        self.assertIsNone(collected())
 
     def test_argument_errors_and_names_resolved_at_each_call(self):
         def outcome(call):

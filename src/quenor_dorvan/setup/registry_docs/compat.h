@@ -13,9 +13,6 @@ inline int lookup_attr(PyObject* obj, PyObject* name, PyObject** result) {
 #endif
 }
 
-// Argument errors name a function by its qualified name from 3.11 on, by its plain name before.
-inline constexpr bool kArgumentErrorsUseQualname = PY_VERSION_HEX >= 0x030B0000;
-
 // From 3.13 an unexpected keyword's error suggests the closest parameter name.
 inline constexpr bool kSuggestsKeywords = PY_VERSION_HEX >= 0x030D0000;
 

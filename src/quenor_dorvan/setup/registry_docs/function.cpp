@@ -29,6 +29,7 @@ struct FunctionObject {
   PyObject* annotations;
   PyObject* signature;
   PyObject* weakrefs;
+  PyObject* dict;  // a caller's own attributes, made when first set
 };
 
 int function_traverse(PyObject* self, visitproc visit, void* arg) {
@@ -41,6 +42,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(f->bound[1]);
   Py_VISIT(f->annotations);
   Py_VISIT(f->signature);
+  Py_VISIT(f->dict);
   return 0;
 }
 
@@ -53,6 +55,7 @@ int function_clear(PyObject* self) {
   Py_CLEAR(f->bound[1]);
   Py_CLEAR(f->annotations);
   Py_CLEAR(f->signature);
+  Py_CLEAR(f->dict);
   return 0;
 }
 
@@ -170,18 +173,15 @@ void unexpected_keyword(PyObject* function_name, const FunctionDef& def, PyObjec
   PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", function_name, key);
 }
 
-// Binds positional and keyword arguments the way CPython binds a plain def with no defaults,
-// with its error texts.
-bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t nargs,
-                    PyObject* kwnames, PyObject** bound) {
+// Binds the keywords after the positional arguments, in the order given; false with the error
+// set at the first keyword that names no parameter, or one already bound.
+bool bind_keywords(const FunctionObject* f, PyObject* const* values, PyObject* kwnames,
+                   PyObject** bound) {
   const FunctionDef& def = *f->def;
-  PyObject* shown = compat::kArgumentErrorsUseQualname ? f->qualname : f->name;
-  for (int i = 0; i < def.nparams; ++i) bound[i] = i < nargs ? args[i] : nullptr;
-  Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
-  for (Py_ssize_t k = 0; k < nkw; ++k) {
+  for (Py_ssize_t k = 0; k < PyTuple_GET_SIZE(kwnames); ++k) {
     PyObject* key = PyTuple_GET_ITEM(kwnames, k);
     if (!PyUnicode_Check(key)) {
-      PyErr_Format(PyExc_TypeError, "%U() keywords must be strings", shown);
+      PyErr_Format(PyExc_TypeError, "%U() keywords must be strings", f->qualname);
       return false;
     }
     int slot = -1;
@@ -192,36 +192,54 @@ bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t n
       }
     }
     if (slot < 0) {
-      unexpected_keyword(shown, def, key);
+      unexpected_keyword(f->qualname, def, key);
       return false;
     }
     if (bound[slot]) {
-      PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", shown, key);
+      PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", f->qualname, key);
       return false;
     }
-    bound[slot] = args[nargs + k];
+    bound[slot] = values[k];
   }
-  if (nargs > def.nparams) {
-    PyErr_Format(PyExc_TypeError, "%U() takes %d positional argument%s but %zd %s given", shown,
-                 def.nparams, def.nparams == 1 ? "" : "s", nargs, nargs == 1 ? "was" : "were");
-    return false;
-  }
+  return true;
+}
+
+// False with the error set when a parameter is left without a value.
+bool all_bound(const FunctionObject* f, PyObject* const* bound) {
+  const FunctionDef& def = *f->def;
   int missing = 0;
   const char* names[2];
   for (int i = 0; i < def.nparams; ++i) {
     if (!bound[i]) names[missing++] = def.params[i];
   }
   if (missing == 1) {
-    PyErr_Format(PyExc_TypeError, "%U() missing 1 required positional argument: '%s'", shown,
+    PyErr_Format(PyExc_TypeError, "%U() missing 1 required positional argument: '%s'", f->qualname,
                  names[0]);
     return false;
   }
   if (missing == 2) {
     PyErr_Format(PyExc_TypeError, "%U() missing 2 required positional arguments: '%s' and '%s'",
-                 shown, names[0], names[1]);
+                 f->qualname, names[0], names[1]);
     return false;
   }
   return true;
+}
+
+// Binds positional and keyword arguments the way CPython binds a plain def with no defaults,
+// with its error texts, which name the function by its qualified name as a def's do. Keyword
+// errors come before a count of positional arguments that is too high, as the interpreter's do.
+bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t nargs,
+                    PyObject* kwnames, PyObject** bound) {
+  const FunctionDef& def = *f->def;
+  for (int i = 0; i < def.nparams; ++i) bound[i] = i < nargs ? args[i] : nullptr;
+  if (kwnames && !bind_keywords(f, args + nargs, kwnames, bound)) return false;
+  if (nargs > def.nparams) {
+    PyErr_Format(PyExc_TypeError, "%U() takes %d positional argument%s but %zd %s given",
+                 f->qualname, def.nparams, def.nparams == 1 ? "" : "s", nargs,
+                 nargs == 1 ? "was" : "were");
+    return false;
+  }
+  return all_bound(f, bound);
 }
 
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf,
@@ -314,6 +332,19 @@ PyObject* get_signature(PyObject* self, void*) {
   return made_on_first_use(f->signature, *f->def, build_signature);
 }
 
+PyObject* get_no_defaults(PyObject*, void*) {
+  return Ref::borrow(Py_None).release();
+}
+
+// The functions take no defaults. None, which they hold, may be assigned, and the attribute
+// deleted, which a def reads back as None; any other value would go unused, so it is refused.
+int set_no_defaults(PyObject*, PyObject* value, void*) {
+  if (!value || value == Py_None) return 0;
+  PyErr_SetString(PyExc_TypeError,
+                  "registry_docs.function takes no defaults; only None can be assigned");
+  return -1;
+}
+
 // Bound to an instance when read through a class, as a def is.
 PyObject* function_descr_get(PyObject* self, PyObject* obj, PyObject*) {
   if (!obj || obj == Py_None) return Ref::borrow(self).release();
@@ -338,12 +369,16 @@ PyGetSetDef function_getset[] = {
     {"__annotations__", get_annotations, nullptr, nullptr, nullptr},
     {"__globals__", get_globals, nullptr, nullptr, nullptr},
     {"__signature__", get_signature, nullptr, nullptr, nullptr},
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {"__defaults__", get_no_defaults, set_no_defaults, nullptr, nullptr},
+    {"__kwdefaults__", get_no_defaults, set_no_defaults, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
 PyMemberDef function_members[] = {
     {"__vectorcalloffset__", T_PYSSIZET, offsetof(FunctionObject, vectorcall), READONLY, nullptr},
     {"__weaklistoffset__", T_PYSSIZET, offsetof(FunctionObject, weakrefs), READONLY, nullptr},
+    {"__dictoffset__", T_PYSSIZET, offsetof(FunctionObject, dict), READONLY, nullptr},
     {nullptr, 0, 0, 0, nullptr},
 };
 
@@ -398,6 +433,7 @@ Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
   f->annotations = nullptr;
   f->signature = nullptr;
   f->weakrefs = nullptr;
+  f->dict = nullptr;
   PyObject_GC_Track(self.get());
   return self;
 }
