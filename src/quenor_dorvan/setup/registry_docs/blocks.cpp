@@ -406,14 +406,8 @@ Ref rules_render_body(const Env& env, PyObject* const* args) {
   return render_match(env, args[0], routes_for_block, args + 1);
 }
 
-const FunctionDef kRulesRender = {"render",
-                                  nullptr,
-                                  1,
-                                  {"match"},
-                                  {nullptr},
-                                  nullptr,
-                                  rules_render_body,
-                                  "rules_block.<locals>.render"};
+const FunctionDef kRulesRender("render", nullptr, rules_render_body, {{"match", nullptr}}, nullptr,
+                               "rules_block.<locals>.render");
 
 // `without_markers(_MARKER.sub(render, QUENOR_INSTRUCTION_CONTENT)).strip()`.
 Ref rules_block_body(const Env& env, PyObject* const*) {
@@ -456,73 +450,36 @@ Ref make_shown_texts() {
   return texts;
 }
 
-const FunctionDef kSkillToolsBlock = {
+const FunctionDef kSkillToolsBlock(
     "skill_tools_block",
     "The tool reference of the ``dorvan`` skill: its heading and one row per tool.\n\n"
     "A row tells what each action is for in the words MCP sends (``mcp_text``), so that the skill\n"
     "and ``tools/list`` never tell an agent two different things.",
-    0,
-    {},
-    {},
-    "str",
-    skill_tools_block_body};
-const FunctionDef kReadmeToolsBlock = {
-    "readme_tools_block",
-    "The tool table of ``README.md``, with the count of the tools.",
-    0,
-    {},
-    {},
-    "str",
-    readme_tools_block_body};
-const FunctionDef kMcpIntroBlock = {
+    skill_tools_block_body, {}, "str");
+const FunctionDef kReadmeToolsBlock("readme_tools_block",
+                                    "The tool table of ``README.md``, with the count of the tools.",
+                                    readme_tools_block_body, {}, "str");
+const FunctionDef kMcpIntroBlock(
     "mcp_intro_block",
     "The opening of ``docs/mcp-tools.md``: what the reference covers, with the counts.",
-    0,
-    {},
-    {},
-    "str",
-    mcp_intro_block_body};
-const FunctionDef kMcpOverviewBlock = {
-    "mcp_overview_block",
-    "The overview table of ``docs/mcp-tools.md`` and the tools of each tier.",
-    0,
-    {},
-    {},
-    "str",
-    mcp_overview_block_body};
-const FunctionDef kMcpCliBlock = {
-    "mcp_cli_block",
-    "The command line that runs each tool, for ``docs/mcp-tools.md``.",
-    0,
-    {},
-    {},
-    "str",
-    mcp_cli_block_body};
-const FunctionDef kDefaultCell = {
-    "_default_cell",
-    "A parameter's default, with the defaults that differ by action after it.",
-    1,
-    {"param"},
-    {"ParamSpec"},
-    "str",
-    default_cell_body};
-const FunctionDef kTypeCell = {
-    "_type_cell",
-    "A parameter's JSON Schema type; an array shows the type of its items.",
-    1,
-    {"prop"},
-    {"dict[str, Any]"},
-    "str",
-    type_cell_body};
-const FunctionDef kDescriptionCell = {
+    mcp_intro_block_body, {}, "str");
+const FunctionDef kMcpOverviewBlock(
+    "mcp_overview_block", "The overview table of ``docs/mcp-tools.md`` and the tools of each tier.",
+    mcp_overview_block_body, {}, "str");
+const FunctionDef kMcpCliBlock("mcp_cli_block",
+                               "The command line that runs each tool, for ``docs/mcp-tools.md``.",
+                               mcp_cli_block_body, {}, "str");
+const FunctionDef kDefaultCell(
+    "_default_cell", "A parameter's default, with the defaults that differ by action after it.",
+    default_cell_body, {{"param", "ParamSpec"}}, "str");
+const FunctionDef kTypeCell("_type_cell",
+                            "A parameter's JSON Schema type; an array shows the type of its items.",
+                            type_cell_body, {{"prop", "dict[str, Any]"}}, "str");
+const FunctionDef kDescriptionCell(
     "_description_cell",
     "A parameter's full text, with the values and the bounds the schema holds it to.",
-    2,
-    {"param", "prop"},
-    {"ParamSpec", "dict[str, Any]"},
-    "str",
-    description_cell_body};
-const FunctionDef kMcpParamsBlock = {
+    description_cell_body, {{"param", "ParamSpec"}, {"prop", "dict[str, Any]"}}, "str");
+const FunctionDef kMcpParamsBlock(
     "mcp_params_block",
     "One tool's actions line and parameter table, for the file ``docs/mcp-tools.md``.\n\n"
     "The table shows what ``query --schema`` prints for the tool, parameter by parameter in its\n"
@@ -530,46 +487,25 @@ const FunctionDef kMcpParamsBlock = {
     "Raises:\n"
     "    ValueError: The CLI schema and the registry name different parameters (they never\n"
     "        should).",
-    1,
-    {"tool"},
-    {"ToolSpec"},
-    "str",
-    mcp_params_block_body};
-const FunctionDef kSkillText = {
+    mcp_params_block_body, {{"tool", "ToolSpec"}}, "str");
+const FunctionDef kSkillText(
     "_skill_text",
     "A block as the skill's template holds it.\n\n"
     "The template is a Python string literal that ``str.format`` renders, so a backslash is\n"
     "escaped for the literal and a brace doubled for the formatting.",
-    1,
-    {"block"},
-    {"str"},
-    "str",
-    skill_text_body};
-const FunctionDef kLiteralText = {
-    "_literal_text",
-    "A block as a Python string literal holds it: a backslash is escaped.",
-    1,
-    {"block"},
-    {"str"},
-    "str",
-    literal_text_body};
-const FunctionDef kSkillRoutesBlock = {
+    skill_text_body, {{"block", "str"}}, "str");
+const FunctionDef kLiteralText(
+    "_literal_text", "A block as a Python string literal holds it: a backslash is escaped.",
+    literal_text_body, {{"block", "str"}}, "str");
+const FunctionDef kSkillRoutesBlock(
     "skill_routes_block",
     "The \"Route by need\" table of the ``dorvan`` skill, with the facts its notes name.",
-    0,
-    {},
-    {},
-    "str",
-    skill_routes_block_body};
-const FunctionDef kRulesBlock = {
+    skill_routes_block_body, {}, "str");
+const FunctionDef kRulesBlock(
     "rules_block",
     "The rules block that ``quenor-dorvan init`` writes, as "
     "``docs/claude-instructions-template.md``\n"
     "shows it: ``QUENOR_INSTRUCTION_CONTENT`` with its routing table rendered from the routes.",
-    0,
-    {},
-    {},
-    "str",
-    rules_block_body};
+    rules_block_body, {}, "str");
 
 }  // namespace registry_docs

@@ -21,8 +21,8 @@ Ref params_render_body(const Env& env, PyObject* const* held) {
   return lookup(env, Id::mcp_params_block)(held[0]);
 }
 
-const FunctionDef kParamsRender = {
-    "render", nullptr, 0, {}, {}, nullptr, params_render_body, "_params_renderer.<locals>.render"};
+const FunctionDef kParamsRender("render", nullptr, params_render_body, {}, nullptr,
+                                "_params_renderer.<locals>.render");
 
 Ref params_renderer_body(const Env& env, PyObject* const* args) {
   return make_closure(env, kParamsRender, {args[0]});
@@ -134,21 +134,13 @@ Ref build_generated_file(PyObject* module) {
   return call(decorator.get(), {cls.get()});
 }
 
-const FunctionDef kParamsRenderer = {"_params_renderer",
-                                     "The renderer of one tool's parameter block.",
-                                     1,
-                                     {"tool"},
-                                     {"ToolSpec"},
-                                     "Callable[[], str]",
-                                     params_renderer_body};
+const FunctionDef kParamsRenderer("_params_renderer", "The renderer of one tool's parameter block.",
+                                  params_renderer_body, {{"tool", "ToolSpec"}},
+                                  "Callable[[], str]");
 
-const FunctionDef kGeneratedFiles = {
+const FunctionDef kGeneratedFiles(
     "generated_files",
     "The files that hold generated blocks, made from the registry as it is when called.",
-    0,
-    {},
-    {},
-    "tuple[GeneratedFile, ...]",
-    generated_files_body};
+    generated_files_body, {}, "tuple[GeneratedFile, ...]");
 
 }  // namespace registry_docs

@@ -9,15 +9,36 @@ namespace registry_docs {
 // them) and returns a new reference; it throws PythonError with the exception set.
 using Body = Ref (*)(const Env& env, PyObject* const* args);
 
+// A parameter: its name and its annotation text (null: none).
+struct Param {
+  const char* name;
+  const char* annotation;
+};
+
 struct FunctionDef {
+  constexpr FunctionDef(const char* name_, const char* doc_, Body body_,
+                        std::initializer_list<Param> params_, const char* returns_,
+                        const char* qualname_ = nullptr)
+      : name(name_),
+        doc(doc_),
+        nparams(static_cast<int>(params_.size())),
+        returns(returns_),
+        body(body_),
+        qualname(qualname_) {
+    int i = 0;
+    for (const Param& param : params_) {
+      params[i] = param.name;
+      annotations[i++] = param.annotation;
+    }
+  }
   const char* name;
   const char* doc;  // null: None, as for a def without a docstring
   int nparams;
-  const char* params[2];
-  const char* annotations[2];  // null: the parameter has none
-  const char* returns;         // null: no return annotation
+  const char* params[2] = {};
+  const char* annotations[2] = {};
+  const char* returns;  // null: no return annotation
   Body body;
-  const char* qualname = nullptr;  // null: the name
+  const char* qualname;  // null: the name
 };
 
 // How the function type is made (once per module, into its state).

@@ -134,43 +134,21 @@ Ref code_spans(const Env& env, PyObject* iterable, const char* separator, bool b
   return spans.finish();
 }
 
-const FunctionDef kOrderedTools = {
-    "ordered_tools",
-    "The tools in the order the docs list them: by tier, then in registry order.",
-    0,
-    {},
-    {},
-    "list[ToolSpec]",
-    ordered_tools_body};
-const FunctionDef kTierTools = {"_tier_tools",
-                                "The tools of one tier, in registry order.",
-                                1,
-                                {"tier"},
-                                {"ToolTier"},
-                                "list[ToolSpec]",
-                                tier_tools_body};
-const FunctionDef kActionsCell = {
+const FunctionDef kOrderedTools(
+    "ordered_tools", "The tools in the order the docs list them: by tier, then in registry order.",
+    ordered_tools_body, {}, "list[ToolSpec]");
+const FunctionDef kTierTools("_tier_tools", "The tools of one tier, in registry order.",
+                             tier_tools_body, {{"tier", "ToolTier"}}, "list[ToolSpec]");
+const FunctionDef kActionsCell(
     "_actions_cell",
     "A tool's actions as code spans, or the placeholder for a tool without actions.",
-    2,
-    {"tool", "placeholder"},
-    {"ToolSpec", "str"},
-    "str",
-    actions_cell_body};
-const FunctionDef kTierCounts = {"_tier_counts",
-                                 "How many tools each tier has, such as ``8 core and 6 extended``.",
-                                 0,
-                                 {},
-                                 {},
-                                 "str",
-                                 tier_counts_body};
-const FunctionDef kCliUsage = {
+    actions_cell_body, {{"tool", "ToolSpec"}, {"placeholder", "str"}}, "str");
+const FunctionDef kTierCounts("_tier_counts",
+                              "How many tools each tier has, such as ``8 core and 6 extended``.",
+                              tier_counts_body, {}, "str");
+const FunctionDef kCliUsage(
     "cli_usage",
     "The shortest command line that runs the tool: its required parameters, as placeholders.",
-    1,
-    {"tool"},
-    {"ToolSpec"},
-    "str",
-    cli_usage_body};
+    cli_usage_body, {{"tool", "ToolSpec"}}, "str");
 
 }  // namespace registry_docs

@@ -31,32 +31,15 @@ Ref sorted_difference(PyObject* a, PyObject* b) {
   return sorted_list(own(PyNumber_Subtract(left.get(), right.get())).get());
 }
 
-// `{name for name in found if found.count(name) > 1}`.
+// `{name for name in found if found.count(name) > 1}`: only a broken file gets here.
 Ref repeated_names(PyObject* found) {
   Ref repeated = own(PySet_New(nullptr));
-  bool plain = PyList_CheckExact(found);
-  for (Py_ssize_t i = 0; plain && i < PyList_GET_SIZE(found); ++i) {
-    plain = PyUnicode_CheckExact(PyList_GET_ITEM(found, i));
-  }
-  if (!plain) {
-    Ref one = own(PyLong_FromLong(1));
-    Ref count_name = text("count");
-    for_each(found, [&](PyObject* item) {
-      Ref count = own(PyObject_CallMethodOneArg(found, count_name.get(), item));
-      if (compare(count.get(), one.get(), Py_GT)) check(PySet_Add(repeated.get(), item));
-    });
-    return repeated;
-  }
-  // A list of str: counting by hash gives what `list.count` gives, in linear time.
-  Ref seen = own(PySet_New(nullptr));
-  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(found); ++i) {
-    PyObject* item = PyList_GET_ITEM(found, i);
-    if (check(PySet_Contains(seen.get(), item))) {
-      check(PySet_Add(repeated.get(), item));
-    } else {
-      check(PySet_Add(seen.get(), item));
-    }
-  }
+  Ref one = own(PyLong_FromLong(1));
+  Ref count_name = text("count");
+  for_each(found, [&](PyObject* item) {
+    Ref count = own(PyObject_CallMethodOneArg(found, count_name.get(), item));
+    if (compare(count.get(), one.get(), Py_GT)) check(PySet_Add(repeated.get(), item));
+  });
   return repeated;
 }
 
@@ -86,14 +69,8 @@ Ref file_render_body(const Env& env, PyObject* const* args) {
   return render_match(env, args[0], fill_block, args + 1);
 }
 
-const FunctionDef kFileRender = {"render",
-                                 nullptr,
-                                 1,
-                                 {"match"},
-                                 {nullptr},
-                                 nullptr,
-                                 file_render_body,
-                                 "render_file.<locals>.render"};
+const FunctionDef kFileRender("render", nullptr, file_render_body, {{"match", nullptr}}, nullptr,
+                              "render_file.<locals>.render");
 
 // pairs = [(name, renderer) for name, renderer in generated.blocks]; the names are checked
 // against block_names(text); then `_MARKER.sub(render, text)` fills each block.
@@ -261,29 +238,20 @@ Ref write_blocks_body(const Env& env, PyObject* const* args) {
 
 }  // namespace
 
-const FunctionDef kRenderFile = {
+const FunctionDef kRenderFile(
     "render_file",
     "The text with each of its generated blocks rendered anew from the registry.\n"
     "\n"
     "Raises:\n"
     "    ValueError: The text lacks a block the file must hold, holds one twice, or holds one the "
     "file does not declare.\n",
-    2,
-    {"text", "generated"},
-    {"str", "GeneratedFile"},
-    "str",
-    render_file_body};
+    render_file_body, {{"text", "str"}, {"generated", "GeneratedFile"}}, "str");
 
-const FunctionDef kRead = {
-    "_read",
-    "A generated file's text, read as UTF-8 with its line endings as line feeds.",
-    2,
-    {"root", "generated"},
-    {"Path", "GeneratedFile"},
-    "str",
-    read_body};
+const FunctionDef kRead(
+    "_read", "A generated file's text, read as UTF-8 with its line endings as line feeds.",
+    read_body, {{"root", "Path"}, {"generated", "GeneratedFile"}}, "str");
 
-const FunctionDef kStaleBlocks = {
+const FunctionDef kStaleBlocks(
     "stale_blocks",
     "The generated files whose blocks differ from what the registry renders, one line each.\n"
     "\n"
@@ -293,13 +261,9 @@ const FunctionDef kStaleBlocks = {
     "Returns:\n"
     "    One problem per file that is out of date or whose markers are wrong; empty when every "
     "block is current.\n",
-    1,
-    {"root"},
-    {"Path"},
-    "list[str]",
-    stale_blocks_body};
+    stale_blocks_body, {{"root", "Path"}}, "list[str]");
 
-const FunctionDef kWriteBlocks = {
+const FunctionDef kWriteBlocks(
     "write_blocks",
     "Render every generated block anew and write the files that changed.\n"
     "\n"
@@ -311,10 +275,6 @@ const FunctionDef kWriteBlocks = {
     "\n"
     "Raises:\n"
     "    ValueError: A file's markers are wrong; nothing is written then.\n",
-    1,
-    {"root"},
-    {"Path"},
-    "list[str]",
-    write_blocks_body};
+    write_blocks_body, {{"root", "Path"}}, "list[str]");
 
 }  // namespace registry_docs

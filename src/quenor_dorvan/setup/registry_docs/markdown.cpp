@@ -436,21 +436,18 @@ void write_table(const Env& env, LineJoiner& out, PyObject* header, PyObject* ro
   for_each(rows, [&](PyObject* cells) { write_row(env, out, lookup(env, Id::row), cells); });
 }
 
-const FunctionDef kCode = {"_code",  "Text as a Markdown code span.", 1, {"text"}, {"str"}, "str",
-                           code_body};
-const FunctionDef kCell = {
-    "_cell",  "Text made safe for one cell of a Markdown table.", 1, {"text"}, {"str"}, "str",
-    cell_body};
-const FunctionDef kRow = {
-    "_row", "One row of a Markdown table.", 1, {"cells"}, {"Iterable[str]"}, "str", row_body};
-const FunctionDef kTable = {
-    "_table",           "A Markdown table: the header, its rule and the rows.", 2,
-    {"header", "rows"}, {"tuple[str, ...]", "Iterable[Iterable[str]]"},         "list[str]",
-    table_body};
-const FunctionDef kValue = {
-    "_value",  "A default or a bound as a reader writes it (JSON spelling for booleans).",
-    1,         {"value"},
-    {"Any"},   "str",
-    value_body};
+const FunctionDef kCode("_code", "Text as a Markdown code span.", code_body, {{"text", "str"}},
+                        "str");
+const FunctionDef kCell("_cell", "Text made safe for one cell of a Markdown table.", cell_body,
+                        {{"text", "str"}}, "str");
+const FunctionDef kRow("_row", "One row of a Markdown table.", row_body,
+                       {{"cells", "Iterable[str]"}}, "str");
+const FunctionDef kTable("_table", "A Markdown table: the header, its rule and the rows.",
+                         table_body,
+                         {{"header", "tuple[str, ...]"}, {"rows", "Iterable[Iterable[str]]"}},
+                         "list[str]");
+const FunctionDef kValue("_value",
+                         "A default or a bound as a reader writes it (JSON spelling for booleans).",
+                         value_body, {{"value", "Any"}}, "str");
 
 }  // namespace registry_docs

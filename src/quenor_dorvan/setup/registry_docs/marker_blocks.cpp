@@ -199,18 +199,11 @@ Ref replace_blocks(const Env& env, PyObject* marker, PyObject* text, const Repla
   return env.method(marker, Id::sub, {render.get(), text});
 }
 
-const FunctionDef kBlockNames = {"block_names",
-                                 "The names of the generated blocks a text holds, in order.",
-                                 1,
-                                 {"text"},
-                                 {"str"},
-                                 "list[str]",
-                                 block_names_body};
+const FunctionDef kBlockNames("block_names",
+                              "The names of the generated blocks a text holds, in order.",
+                              block_names_body, {{"text", "str"}}, "list[str]");
 
-const FunctionDef kBlocks = {
-    "_blocks",  "The bodies of the generated blocks a text holds, by name.",
-    1,          {"text"},
-    {"str"},    "dict[str, str]",
-    blocks_body};
+const FunctionDef kBlocks("_blocks", "The bodies of the generated blocks a text holds, by name.",
+                          blocks_body, {{"text", "str"}}, "dict[str, str]");
 
 }  // namespace registry_docs
