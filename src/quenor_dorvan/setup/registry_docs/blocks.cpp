@@ -63,14 +63,10 @@ Ref capitalized_tier(const Env& env, PyObject* tool) {
 
 Ref skill_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
   switch (cell) {
-    case 0:
-      return lookup(env, Id::code)(env.attr(tool, Id::name));
-    case 1:
-      return lookup(env, Id::actions_cell)(tool, shown(env, kOneCall));
-    case 2:
-      return lookup(env, Id::cell)(env.attr(tool, Id::mcp_text));
-    default:
-      return Ref();
+    case 0: return lookup(env, Id::code)(env.attr(tool, Id::name));
+    case 1: return lookup(env, Id::actions_cell)(tool, shown(env, kOneCall));
+    case 2: return lookup(env, Id::cell)(env.attr(tool, Id::mcp_text));
+    default: return Ref();
   }
 }
 
@@ -92,16 +88,11 @@ Ref bold_tier(const Env& env, PyObject* tool) {
 
 Ref readme_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
   switch (cell) {
-    case 0:
-      return bold_tier(env, tool);
-    case 1:
-      return lookup(env, Id::code)(env.attr(tool, Id::name));
-    case 2:
-      return lookup(env, Id::actions_cell)(tool, lookup(env, Id::NONE));
-    case 3:
-      return lookup(env, Id::cell)(env.attr(tool, Id::summary));
-    default:
-      return Ref();
+    case 0: return bold_tier(env, tool);
+    case 1: return lookup(env, Id::code)(env.attr(tool, Id::name));
+    case 2: return lookup(env, Id::actions_cell)(tool, lookup(env, Id::NONE));
+    case 3: return lookup(env, Id::cell)(env.attr(tool, Id::summary));
+    default: return Ref();
   }
 }
 
@@ -138,18 +129,12 @@ Ref tier_line(const Env& env, PyObject* tier) {
 
 Ref overview_row(const Env& env, PyObject* tool, Py_ssize_t number, int cell) {
   switch (cell) {
-    case 0:
-      return str_of(own(PyLong_FromSsize_t(number)).get());
-    case 1:
-      return lookup(env, Id::code)(env.attr(tool, Id::name));
-    case 2:
-      return lookup(env, Id::actions_cell)(tool, lookup(env, Id::NONE));
-    case 3:
-      return capitalized_tier(env, tool);
-    case 4:
-      return lookup(env, Id::cell)(env.attr(tool, Id::summary));
-    default:
-      return Ref();
+    case 0: return str_of(own(PyLong_FromSsize_t(number)).get());
+    case 1: return lookup(env, Id::code)(env.attr(tool, Id::name));
+    case 2: return lookup(env, Id::actions_cell)(tool, lookup(env, Id::NONE));
+    case 3: return capitalized_tier(env, tool);
+    case 4: return lookup(env, Id::cell)(env.attr(tool, Id::summary));
+    default: return Ref();
   }
 }
 
@@ -168,12 +153,9 @@ Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
 
 Ref cli_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
   switch (cell) {
-    case 0:
-      return lookup(env, Id::code)(env.attr(tool, Id::name));
-    case 1:
-      return lookup(env, Id::code)(lookup(env, Id::cli_usage)(tool));
-    default:
-      return Ref();
+    case 0: return lookup(env, Id::code)(env.attr(tool, Id::name));
+    case 1: return lookup(env, Id::code)(lookup(env, Id::cli_usage)(tool));
+    default: return Ref();
   }
 }
 

@@ -158,15 +158,9 @@ Ref cell_of_kind(PyObject* text, const Char* data, Py_ssize_t size) {
   if (!plan.changed) return Ref::borrow(text);
   Ref result = own(PyUnicode_New(plan.length, plan.widest));
   switch (PyUnicode_KIND(result.get())) {
-    case PyUnicode_1BYTE_KIND:
-      fill_cell(PyUnicode_1BYTE_DATA(result.get()), data, size);
-      break;
-    case PyUnicode_2BYTE_KIND:
-      fill_cell(PyUnicode_2BYTE_DATA(result.get()), data, size);
-      break;
-    default:
-      fill_cell(PyUnicode_4BYTE_DATA(result.get()), data, size);
-      break;
+    case PyUnicode_1BYTE_KIND: fill_cell(PyUnicode_1BYTE_DATA(result.get()), data, size); break;
+    case PyUnicode_2BYTE_KIND: fill_cell(PyUnicode_2BYTE_DATA(result.get()), data, size); break;
+    default: fill_cell(PyUnicode_4BYTE_DATA(result.get()), data, size); break;
   }
   return result;
 }
@@ -176,12 +170,9 @@ Ref cell_text(PyObject* text) {
   check(PyUnicode_READY(text));
   Py_ssize_t size = PyUnicode_GET_LENGTH(text);
   switch (PyUnicode_KIND(text)) {
-    case PyUnicode_1BYTE_KIND:
-      return cell_of_kind(text, PyUnicode_1BYTE_DATA(text), size);
-    case PyUnicode_2BYTE_KIND:
-      return cell_of_kind(text, PyUnicode_2BYTE_DATA(text), size);
-    default:
-      return cell_of_kind(text, PyUnicode_4BYTE_DATA(text), size);
+    case PyUnicode_1BYTE_KIND: return cell_of_kind(text, PyUnicode_1BYTE_DATA(text), size);
+    case PyUnicode_2BYTE_KIND: return cell_of_kind(text, PyUnicode_2BYTE_DATA(text), size);
+    default: return cell_of_kind(text, PyUnicode_4BYTE_DATA(text), size);
   }
 }
 

@@ -44,9 +44,7 @@ std::vector<MarkedBlock> scan(PyObject* text) {
     case PyUnicode_2BYTE_KIND:
       scan_markers(PyUnicode_2BYTE_DATA(text), size, is_word, blocks);
       break;
-    default:
-      scan_markers(PyUnicode_4BYTE_DATA(text), size, is_word, blocks);
-      break;
+    default: scan_markers(PyUnicode_4BYTE_DATA(text), size, is_word, blocks); break;
   }
   return blocks;
 }

@@ -18,12 +18,9 @@ void convert(void* to, const void* from, Py_ssize_t length) {
 template <typename To>
 void convert_from(int from_kind, void* to, const void* from, Py_ssize_t length) {
   switch (from_kind) {
-    case PyUnicode_1BYTE_KIND:
-      return convert<To, Py_UCS1>(to, from, length);
-    case PyUnicode_2BYTE_KIND:
-      return convert<To, Py_UCS2>(to, from, length);
-    default:
-      return convert<To, Py_UCS4>(to, from, length);
+    case PyUnicode_1BYTE_KIND: return convert<To, Py_UCS1>(to, from, length);
+    case PyUnicode_2BYTE_KIND: return convert<To, Py_UCS2>(to, from, length);
+    default: return convert<To, Py_UCS4>(to, from, length);
   }
 }
 
@@ -31,12 +28,9 @@ void convert_from(int from_kind, void* to, const void* from, Py_ssize_t length) 
 // which holds every character of it.
 void convert_kind(int to_kind, void* to, int from_kind, const void* from, Py_ssize_t length) {
   switch (to_kind) {
-    case PyUnicode_1BYTE_KIND:
-      return convert_from<Py_UCS1>(from_kind, to, from, length);
-    case PyUnicode_2BYTE_KIND:
-      return convert_from<Py_UCS2>(from_kind, to, from, length);
-    default:
-      return convert_from<Py_UCS4>(from_kind, to, from, length);
+    case PyUnicode_1BYTE_KIND: return convert_from<Py_UCS1>(from_kind, to, from, length);
+    case PyUnicode_2BYTE_KIND: return convert_from<Py_UCS2>(from_kind, to, from, length);
+    default: return convert_from<Py_UCS4>(from_kind, to, from, length);
   }
 }
 
@@ -50,12 +44,9 @@ Py_UCS4 widest_of(const Char* data, Py_ssize_t start, Py_ssize_t end) {
 // The widest character of `text[start:end]`.
 Py_UCS4 widest_in(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
   switch (PyUnicode_KIND(text)) {
-    case PyUnicode_1BYTE_KIND:
-      return widest_of(PyUnicode_1BYTE_DATA(text), start, end);
-    case PyUnicode_2BYTE_KIND:
-      return widest_of(PyUnicode_2BYTE_DATA(text), start, end);
-    default:
-      return widest_of(PyUnicode_4BYTE_DATA(text), start, end);
+    case PyUnicode_1BYTE_KIND: return widest_of(PyUnicode_1BYTE_DATA(text), start, end);
+    case PyUnicode_2BYTE_KIND: return widest_of(PyUnicode_2BYTE_DATA(text), start, end);
+    default: return widest_of(PyUnicode_4BYTE_DATA(text), start, end);
   }
 }
 
