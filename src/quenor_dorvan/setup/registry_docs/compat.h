@@ -13,9 +13,6 @@ inline int lookup_attr(PyObject* obj, PyObject* name, PyObject** result) {
 #endif
 }
 
-// From 3.13 an unexpected keyword's error suggests the closest parameter name.
-inline constexpr bool kSuggestsKeywords = PY_VERSION_HEX >= 0x030D0000;
-
 // Mapping lookup that reports absence without raising: 1 found, 0 absent, -1 error.
 inline int dict_get_ref(PyObject* dict, PyObject* key, PyObject** result) {
 #if PY_VERSION_HEX >= 0x030D0000

@@ -3,9 +3,8 @@
 #include <structmember.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <cstring>
-#include <iterator>
+#include <string>
+#include <string_view>
 
 #include "compat.h"
 #include "module_state.h"
@@ -26,7 +25,7 @@ struct FunctionObject {
   PyObject* qualname;
   PyObject* module_name;
   PyObject* doc;
-  PyObject* annotations;
+  PyObject* binder;  // a def of the same signature, made when first needed
   PyObject* signature;
   PyObject* weakrefs;
   PyObject* dict;  // a caller's own attributes, made when first set
@@ -40,7 +39,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(f->state);
   Py_VISIT(f->bound[0]);
   Py_VISIT(f->bound[1]);
-  Py_VISIT(f->annotations);
+  Py_VISIT(f->binder);
   Py_VISIT(f->signature);
   Py_VISIT(f->dict);
   return 0;
@@ -53,7 +52,7 @@ int function_clear(PyObject* self) {
   Py_CLEAR(f->state);
   Py_CLEAR(f->bound[0]);
   Py_CLEAR(f->bound[1]);
-  Py_CLEAR(f->annotations);
+  Py_CLEAR(f->binder);
   Py_CLEAR(f->signature);
   Py_CLEAR(f->dict);
   return 0;
@@ -96,163 +95,52 @@ Ref run_body(const FunctionObject* f, PyObject* const* args) {
   return f->def->body(env_of(f), all);
 }
 
-// The interpreter's edit distance between two UTF-8 names: a case flip costs 1, any other edit 2;
-// max_cost + 1 as soon as the distance is sure to exceed max_cost.
-size_t edit_distance(const char* a, size_t a_size, const char* b, size_t b_size, size_t max_cost) {
-  constexpr size_t kMove = 2, kCase = 1, kLongest = 40;
-  while (a_size && b_size && a[0] == b[0]) ++a, ++b, --a_size, --b_size;
-  while (a_size && b_size && a[a_size - 1] == b[b_size - 1]) --a_size, --b_size;
-  if (a_size == 0 || b_size == 0) return (a_size + b_size) * kMove;
-  if (a_size > kLongest || b_size > kLongest) return max_cost + 1;
-  if (b_size < a_size) std::swap(a, b), std::swap(a_size, b_size);
-  if ((b_size - a_size) * kMove > max_cost) return max_cost + 1;
-  auto substitution = [](char x, char y) -> size_t {
-    if ((x & 31) != (y & 31)) return kMove;
-    if (x == y) return 0;
-    if ('A' <= x && x <= 'Z') x = static_cast<char>(x + ('a' - 'A'));
-    if ('A' <= y && y <= 'Z') y = static_cast<char>(y + ('a' - 'A'));
-    return x == y ? kCase : kMove;
-  };
-  size_t row[kLongest];
-  for (size_t i = 0; i < a_size; ++i) row[i] = (i + 1) * kMove;
-  size_t result = 0;
-  for (size_t j = 0; j < b_size; ++j) {
-    size_t distance = result = j * kMove;
-    size_t minimum = SIZE_MAX;
-    for (size_t i = 0; i < a_size; ++i) {
-      size_t substitute = distance + substitution(b[j], a[i]);
-      distance = row[i];
-      result = std::min(std::min(result, distance) + kMove, substitute);
-      row[i] = result;
-      minimum = std::min(minimum, result);
-    }
-    if (minimum > max_cost) return max_cost + 1;
-  }
-  return result;
-}
-
-// The parameter the interpreter suggests for a misspelt keyword, or null.
-const char* suggested_param(const FunctionDef& def, PyObject* key) {
-  Py_ssize_t key_size = 0;
-  const char* key_text = PyUnicode_AsUTF8AndSize(key, &key_size);
-  if (!key_text) {
-    PyErr_Clear();
-    return nullptr;
-  }
-  const char* best = nullptr;
-  size_t best_distance = SIZE_MAX;
+// The source of a def with the function's parameters, annotation texts and qualified name, that
+// returns its arguments bound: `def NAME(tool: 'ToolSpec') -> 'str': return (tool,)`, inside its
+// enclosing def when it is a nested one.
+std::string binder_source(const FunctionDef& def) {
+  std::string params, values;
   for (int i = 0; i < def.nparams; ++i) {
-    const char* param = def.params[i];
-    size_t param_size = strlen(param);
-    if (static_cast<size_t>(key_size) == param_size && memcmp(key_text, param, param_size) == 0) {
-      continue;
-    }
-    size_t max_distance = (static_cast<size_t>(key_size) + param_size + 3) * 2 / 6;
-    if (best) max_distance = std::min(max_distance, best_distance - 1);
-    size_t distance =
-        edit_distance(key_text, static_cast<size_t>(key_size), param, param_size, max_distance);
-    if (distance > max_distance) continue;
-    if (!best || distance < best_distance) {
-      best = param;
-      best_distance = distance;
-    }
+    params += std::string(i ? ", " : "") + def.params[i];
+    if (def.annotations[i]) params += std::string(": '") + def.annotations[i] + "'";
+    values += std::string(def.params[i]) + ", ";
   }
-  return best;
+  std::string returns = def.returns ? std::string(" -> '") + def.returns + "'" : "";
+  std::string line =
+      std::string("def ") + def.name + "(" + params + ")" + returns + ": return (" + values + ")\n";
+  std::string_view qualname = def.qualname ? def.qualname : def.name;
+  size_t nested = qualname.find(".<locals>.");
+  if (nested == std::string_view::npos) return line + "binder = " + def.name + "\n";
+  std::string outer(qualname.substr(0, nested));
+  return "def " + outer + "():\n    " + line + "    return " + def.name + "\nbinder = " + outer +
+         "()\n";
 }
 
-// The error for a keyword that names no parameter; from 3.13 the interpreter suggests a close one.
-void unexpected_keyword(PyObject* function_name, const FunctionDef& def, PyObject* key) {
-  if (compat::kSuggestsKeywords) {
-    if (const char* suggestion = suggested_param(def, key)) {
-      PyErr_Format(PyExc_TypeError,
-                   "%U() got an unexpected keyword argument '%S'. Did you mean '%s'?",
-                   function_name, key, suggestion);
-      return;
-    }
+// The def that stands for the function wherever a def's own behaviour is the answer: binding
+// arguments other than plain positional ones, with the interpreter's own errors, and the
+// annotations and signature it shows.
+PyObject* binder_of(FunctionObject* f) {
+  if (!f->binder) {
+    Ref globals = own(Py_BuildValue("{sO}", "__builtins__", PyEval_GetBuiltins()));
+    own(PyRun_String(binder_source(*f->def).c_str(), Py_file_input, globals.get(), globals.get()));
+    f->binder = Ref::borrow(PyDict_GetItemString(globals.get(), "binder")).release();
   }
-  PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", function_name, key);
-}
-
-// Binds the keywords after the positional arguments, in the order given; false with the error
-// set at the first keyword that names no parameter, or one already bound.
-bool bind_keywords(const FunctionObject* f, PyObject* const* values, PyObject* kwnames,
-                   PyObject** bound) {
-  const FunctionDef& def = *f->def;
-  for (Py_ssize_t k = 0; k < PyTuple_GET_SIZE(kwnames); ++k) {
-    PyObject* key = PyTuple_GET_ITEM(kwnames, k);
-    if (!PyUnicode_Check(key)) {
-      PyErr_Format(PyExc_TypeError, "%U() keywords must be strings", f->qualname);
-      return false;
-    }
-    int slot = -1;
-    for (int i = 0; i < def.nparams; ++i) {
-      if (PyUnicode_CompareWithASCIIString(key, def.params[i]) == 0) {
-        slot = i;
-        break;
-      }
-    }
-    if (slot < 0) {
-      unexpected_keyword(f->qualname, def, key);
-      return false;
-    }
-    if (bound[slot]) {
-      PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", f->qualname, key);
-      return false;
-    }
-    bound[slot] = values[k];
-  }
-  return true;
-}
-
-// False with the error set when a parameter is left without a value.
-bool all_bound(const FunctionObject* f, PyObject* const* bound) {
-  const FunctionDef& def = *f->def;
-  int missing = 0;
-  const char* names[2];
-  for (int i = 0; i < def.nparams; ++i) {
-    if (!bound[i]) names[missing++] = def.params[i];
-  }
-  if (missing == 1) {
-    PyErr_Format(PyExc_TypeError, "%U() missing 1 required positional argument: '%s'", f->qualname,
-                 names[0]);
-    return false;
-  }
-  if (missing == 2) {
-    PyErr_Format(PyExc_TypeError, "%U() missing 2 required positional arguments: '%s' and '%s'",
-                 f->qualname, names[0], names[1]);
-    return false;
-  }
-  return true;
-}
-
-// Binds positional and keyword arguments the way CPython binds a plain def with no defaults,
-// with its error texts, which name the function by its qualified name as a def's do. Keyword
-// errors come before a count of positional arguments that is too high, as the interpreter's do.
-bool bind_arguments(const FunctionObject* f, PyObject* const* args, Py_ssize_t nargs,
-                    PyObject* kwnames, PyObject** bound) {
-  const FunctionDef& def = *f->def;
-  for (int i = 0; i < def.nparams; ++i) bound[i] = i < nargs ? args[i] : nullptr;
-  if (kwnames && !bind_keywords(f, args + nargs, kwnames, bound)) return false;
-  if (nargs > def.nparams) {
-    PyErr_Format(PyExc_TypeError, "%U() takes %d positional argument%s but %zd %s given",
-                 f->qualname, def.nparams, def.nparams == 1 ? "" : "s", nargs,
-                 nargs == 1 ? "was" : "were");
-    return false;
-  }
-  return all_bound(f, bound);
+  return f->binder;
 }
 
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf,
                               PyObject* kwnames) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
-  Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
-  PyObject* bound[2] = {nullptr, nullptr};
-  if (kwnames || nargs != f->def->nparams) {
-    if (!bind_arguments(f, args, nargs, kwnames, bound)) return nullptr;
-    args = bound;
-  }
   // The boundary of the error channel: a body throws, its caller gets null.
-  return guarded([&] { return run_body(f, args).release(); }, static_cast<PyObject*>(nullptr));
+  return guarded(
+      [&] {
+        if (!kwnames && PyVectorcall_NARGS(nargsf) == f->def->nparams) {
+          return run_body(f, args).release();
+        }
+        Ref bound = own(PyObject_Vectorcall(binder_of(f), args, nargsf, kwnames));
+        return run_body(f, PySequence_Fast_ITEMS(bound.get())).release();
+      },
+      static_cast<PyObject*>(nullptr));
 }
 
 PyObject* function_repr(PyObject* self) {
@@ -272,64 +160,30 @@ PyObject* get_module(PyObject* self, void*) {
 PyObject* get_doc(PyObject* self, void*) {
   return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->doc).release();
 }
-// The annotation texts by parameter name, and the return's.
-Ref build_annotations(const FunctionDef& def) {
-  Ref annotations = own(PyDict_New());
-  for (int i = 0; i < def.nparams; ++i) {
-    if (!def.annotations[i]) continue;  // a parameter written without one
-    check(PyDict_SetItemString(annotations.get(), def.params[i], text(def.annotations[i]).get()));
-  }
-  if (def.returns) {
-    check(PyDict_SetItemString(annotations.get(), "return", text(def.returns).get()));
-  }
-  return annotations;
-}
-
-// A field made from the definition when first read, and kept.
-PyObject* made_on_first_use(PyObject*& field, const FunctionDef& def,
-                            Ref (*build)(const FunctionDef&)) {
-  return guarded(
-      [&] {
-        if (!field) field = build(def).release();
-        return Ref::borrow(field).release();
-      },
-      static_cast<PyObject*>(nullptr));
-}
-
-// Made on first use, as a def's own dict is: most closures are never asked.
+// The binder's own, made on first use, as a def's own dict is: most closures are never asked.
 PyObject* get_annotations(PyObject* self, void*) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
-  return made_on_first_use(f->annotations, *f->def, build_annotations);
+  return guarded([&] { return getattr(binder_of(f), text("__annotations__").get()).release(); },
+                 static_cast<PyObject*>(nullptr));
 }
+
 PyObject* get_globals(PyObject* self, void*) {
   return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->globals).release();
 }
 
-// inspect.Signature with the annotation texts, built on first use.
-Ref build_signature(const FunctionDef& def) {
-  Ref inspect = own(PyImport_ImportModule("inspect"));
-  Ref parameter = own(PyObject_GetAttrString(inspect.get(), "Parameter"));
-  Ref signature_type = own(PyObject_GetAttrString(inspect.get(), "Signature"));
-  Ref kind = own(PyObject_GetAttrString(parameter.get(), "POSITIONAL_OR_KEYWORD"));
-  Ref params = own(PyList_New(0));
-  for (int i = 0; i < def.nparams; ++i) {
-    Ref args = own(Py_BuildValue("(sO)", def.params[i], kind.get()));
-    Ref kwargs = def.annotations[i] ? own(Py_BuildValue("{ss}", "annotation", def.annotations[i]))
-                                    : own(PyDict_New());
-    check(PyList_Append(params.get(),
-                        own(PyObject_Call(parameter.get(), args.get(), kwargs.get())).get()));
-  }
-  Ref args = own(PyTuple_Pack(1, params.get()));
-  Ref kwargs = own(PyDict_New());
-  if (def.returns) {
-    check(PyDict_SetItemString(kwargs.get(), "return_annotation", text(def.returns).get()));
-  }
-  return own(PyObject_Call(signature_type.get(), args.get(), kwargs.get()));
-}
-
+// `inspect.signature` of the binder, kept.
 PyObject* get_signature(PyObject* self, void*) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
-  return made_on_first_use(f->signature, *f->def, build_signature);
+  return guarded(
+      [&] {
+        if (!f->signature) {
+          Ref inspect = own(PyImport_ImportModule("inspect"));
+          Ref signature = own(PyObject_GetAttrString(inspect.get(), "signature"));
+          f->signature = call(signature.get(), {binder_of(f)}).release();
+        }
+        return Ref::borrow(f->signature).release();
+      },
+      static_cast<PyObject*>(nullptr));
 }
 
 PyObject* get_no_defaults(PyObject*, void*) {
@@ -430,7 +284,7 @@ Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
   f->qualname = qualname.release();
   f->module_name = module_name.release();
   f->doc = doc.release();
-  f->annotations = nullptr;
+  f->binder = nullptr;
   f->signature = nullptr;
   f->weakrefs = nullptr;
   f->dict = nullptr;

@@ -190,30 +190,27 @@ Ref cell_body(const Env& env, PyObject* const* args) {
   return own(PyUnicode_Replace(joined.get(), env.name(Id::bar), env.name(Id::escaped_bar), -1));
 }
 
-// The cells of a row as `" | ".join(cells)` takes them: all read first, then each checked.
-Ref row_items(PyObject* cells) {
-  Ref items = own(PySequence_Fast(cells, "can only join an iterable"));
-  for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(items.get()); ++i) {
-    PyObject* item = PySequence_Fast_GET_ITEM(items.get(), i);
-    if (!PyUnicode_Check(item)) join_type_error(i, item);
+// `"| " + " | ".join(items) + " |"` into `out` (none: only checked): every item is checked to be
+// a str before any is written, as join checks them.
+void put_row(TextWriter* out, PyObject* const* items, Py_ssize_t count) {
+  for (Py_ssize_t i = 0; i < count; ++i) {
+    if (!PyUnicode_Check(items[i])) join_type_error(i, items[i]);
   }
-  return items;
+  if (!out) return;
+  out->lit("| ");
+  for (Py_ssize_t i = 0; i < count; ++i) (i > 0 ? out->lit(" | ") : *out).str(items[i]);
+  out->lit(" |");
 }
 
-// `"| " + " | ".join(items) + " |"`.
-void put_row(TextWriter& out, PyObject* items) {
-  out.lit("| ");
-  for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(items); ++i) {
-    if (i > 0) out.lit(" | ");
-    out.str(PySequence_Fast_GET_ITEM(items, i));
-  }
-  out.lit(" |");
+// The cells of a row as `" | ".join(cells)` takes them: all read first.
+Ref row_items(PyObject* cells) {
+  return own(PySequence_Fast(cells, "can only join an iterable"));
 }
 
 Ref row_body(const Env&, PyObject* const* args) {
   Ref items = row_items(args[0]);
   TextWriter out;
-  put_row(out, items.get());
+  put_row(&out, PySequence_Fast_ITEMS(items.get()), PySequence_Fast_GET_SIZE(items.get()));
   return out.finish();
 }
 
@@ -348,36 +345,33 @@ PyType_Slot lazy_slots[] = {
 constexpr unsigned kLazyFlags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_IMMUTABLETYPE |
                                 Py_TPFLAGS_DISALLOW_INSTANTIATION;
 
-// `_row(cells)` as the next line of `out`; our own `_row` writes it in place, and takes a lazy row
-// of ours that only the writer holds cell by cell, without a list.
+// `_row(cells)` as the next line of `out`; our own `_row` writes it in place, and makes the cells
+// of a lazy row of ours, which only the writer holds, in order without a list.
 void write_row(const Env& env, LineJoiner& out, const Global& row, PyObject* cells) {
   if (!row.is(kRow)) return out.line(row(cells).get());
   if (Py_TYPE(cells) != reinterpret_cast<PyTypeObject*>(env.state->row_type.get())) {
     Ref items = row_items(cells);
-    if (TextWriter* writer = out.start()) put_row(*writer, items.get());
+    put_row(out.start(), PySequence_Fast_ITEMS(items.get()), PySequence_Fast_GET_SIZE(items.get()));
     return;
   }
-  auto* lazy = reinterpret_cast<Lazy*>(cells);
-  Ref tool = Ref::borrow(lazy->source);
+  auto& lazy = *reinterpret_cast<Lazy*>(cells);
+  struct Drain {  // running while its cells are made, finished after
+    Lazy& row;
+    Ref tool = Ref::borrow(row.source);
+    Drain(Lazy& lazy) : row(lazy) { row.running = true; }
+    ~Drain() {
+      row.running = false;
+      Py_CLEAR(row.source);
+    }
+  } drain(lazy);
   Ref made[8];
+  PyObject* items[8];
   int count = 0;
-  lazy->running = true;
-  try {
-    while (count < 8 && (made[count] = lazy->row(env, tool.get(), lazy->number, count))) ++count;
-  } catch (...) {
-    lazy->running = false;
-    throw;
+  while (count < 8 && (made[count] = lazy.row(env, drain.tool.get(), lazy.number, count))) {
+    items[count] = made[count].get();
+    ++count;
   }
-  lazy->running = false;
-  Py_CLEAR(lazy->source);
-  for (int i = 0; i < count; ++i) {
-    if (!PyUnicode_Check(made[i].get())) join_type_error(i, made[i].get());
-  }
-  TextWriter* writer = out.start();
-  if (!writer) return;
-  writer->lit("| ");
-  for (int i = 0; i < count; ++i) (i > 0 ? writer->lit(" | ") : *writer).str(made[i].get());
-  writer->lit(" |");
+  put_row(out.start(), items, count);
 }
 
 }  // namespace
