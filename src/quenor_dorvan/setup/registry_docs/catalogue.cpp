@@ -8,14 +8,6 @@ namespace registry_docs {
 
 namespace {
 
-const char kGeneratedFileDoc[] =
-    "A file of the repository that holds generated blocks.\n"
-    "\n"
-    "Attributes:\n"
-    "    path: The file, relative to the repository's root.\n"
-    "    blocks: The blocks it holds: each name with the function that renders the block.\n"
-    "    encode: How the file holds a rendered block (the skill's template doubles braces).\n";
-
 // `_params_renderer`'s closure: `def render(): return mcp_params_block(tool)`.
 Ref params_render_body(const Env& env, PyObject* const* held) {
   return lookup(env, Id::mcp_params_block)(held[0]);
@@ -111,28 +103,6 @@ Ref generated_files_body(const Env& env, PyObject* const*) {
 }
 
 }  // namespace
-
-Ref build_generated_file(PyObject* module) {
-  PyObject* globals = PyModule_GetDict(module);
-  Ref module_name = own(PyModule_GetNameObject(module));
-  Ref annotations = own(Py_BuildValue("{ssssss}", "path", "str", "blocks",
-                                      "tuple[tuple[str, Callable[[], str]], ...]", "encode",
-                                      "Callable[[str], str]"));
-  Ref namespace_ = own(Py_BuildValue(
-      "{sOsssssOsO}", "__module__", module_name.get(), "__qualname__", "GeneratedFile", "__doc__",
-      kGeneratedFileDoc, "__annotations__", annotations.get(), "encode", &PyUnicode_Type));
-  Ref bases = own(PyTuple_New(0));
-  Ref cls = call(reinterpret_cast<PyObject*>(&PyType_Type),
-                 {text("GeneratedFile").get(), bases.get(), namespace_.get()});
-  PyObject* dataclass = PyDict_GetItemString(globals, "dataclass");
-  if (!dataclass) {
-    PyErr_SetString(PyExc_ImportError, "dataclass is not imported");
-    raise();
-  }
-  Ref kwargs = own(Py_BuildValue("{sO}", "frozen", Py_True));
-  Ref decorator = own(PyObject_Call(dataclass, bases.get(), kwargs.get()));
-  return call(decorator.get(), {cls.get()});
-}
 
 const FunctionDef kParamsRenderer("_params_renderer", "The renderer of one tool's parameter block.",
                                   params_renderer_body, {{"tool", "ToolSpec"}},

@@ -10,10 +10,6 @@ namespace registry_docs {
 
 namespace {
 
-const char kMarkerPattern[] =
-    "(?P<open><!-- registry:(?P<name>[\\w:-]+) -->\\n)(?P<body>.*?)"
-    "(?P<close><!-- /registry:(?P=name) -->)";
-
 // A word character as `re` counts it for a str pattern: never the C library's notion.
 bool is_word(std::uint32_t c) {
   return Py_UNICODE_ISALNUM(static_cast<Py_UCS4>(c)) || c == '_';
@@ -164,17 +160,6 @@ Ref blocks_body(const Env& env, PyObject* const* args) {
 }
 
 }  // namespace
-
-Ref compile_marker(PyObject* module) {
-  PyObject* re = PyDict_GetItemString(PyModule_GetDict(module), "re");
-  if (!re) {
-    PyErr_SetString(PyExc_ImportError, "re is not imported");
-    raise();
-  }
-  Ref flag = own(PyObject_GetAttrString(re, "DOTALL"));
-  Ref compile = own(PyObject_GetAttrString(re, "compile"));
-  return call(compile.get(), {text(kMarkerPattern).get(), flag.get()});
-}
 
 Ref render_match(const Env& env, PyObject* match, Fill fill, PyObject* const* held) {
   Ref open = subscript(match, env.name(Id::open));

@@ -9,8 +9,10 @@ namespace registry_docs {
 extern const FunctionDef kBlockNames;
 extern const FunctionDef kBlocks;
 
-// The compiled block-marker pattern, as the module binds it to `_MARKER`.
-Ref compile_marker(PyObject* module);
+// The statement that binds the block-marker pattern, run by the module body.
+inline constexpr char kMarkerStatement[] =
+    "_MARKER = re.compile(r\"(?P<open><!-- registry:(?P<name>[\\w:-]+) -->\\n)(?P<body>.*?)\"\n"
+    "                     r\"(?P<close><!-- /registry:(?P=name) -->)\", re.DOTALL)\n";
 
 // A block being replaced, as the replacement function reads its match.
 class BlockMatch {

@@ -7,7 +7,7 @@
 //   markers.h         the linear marker scanner (pure C++)
 //   module_state.*    what one imported module owns: interned names, marker, types
 //   function.*        the native function type and the per-call name lookup
-//   registry_inputs.* the host imports
+//   registry_inputs.h the host imports
 //   markdown.*        code spans, cells, rows, the one table writer, value spelling, lazy rows
 //   listing.*         tool order, tier groups and counts, action cells, CLI usage
 //   marker_blocks.*   blocks found and replaced through `_MARKER`
@@ -15,6 +15,8 @@
 //   catalogue.*       GeneratedFile and the catalogue
 //   maintenance.*     the file renderer, the check and the writer
 //   module.cpp        this file: the state assembled, the module body
+#include <string>
+
 #include "blocks.h"
 #include "catalogue.h"
 #include "compat.h"
@@ -45,12 +47,21 @@ const char kModuleDoc[] =
     "``--write`` mode rewrites them, and host code that calls ``stale_blocks(repo_root)`` to get\n"
     "the list of problems.\n";
 
-const char* const kAll[] = {
-    "GeneratedFile",      "rules_block",       "skill_routes_block", "block_names",
-    "generated_files",    "cli_usage",         "mcp_cli_block",      "mcp_intro_block",
-    "mcp_overview_block", "mcp_params_block",  "ordered_tools",      "readme_tools_block",
-    "render_file",        "skill_tools_block", "stale_blocks",       "write_blocks",
-};
+const char kImports[] =
+    "from __future__ import annotations\n"
+    "import re\n"
+    "from collections.abc import Callable, Iterable\n"
+    "from dataclasses import dataclass\n"
+    "from pathlib import Path\n"
+    "from typing import Any, get_args\n";
+
+const char kGlobals[] =
+    "__all__ = ['GeneratedFile', 'rules_block', 'skill_routes_block', 'block_names',\n"
+    "           'generated_files', 'cli_usage', 'mcp_cli_block', 'mcp_intro_block',\n"
+    "           'mcp_overview_block', 'mcp_params_block', 'ordered_tools', 'readme_tools_block',\n"
+    "           'render_file', 'skill_tools_block', 'stale_blocks', 'write_blocks']\n"
+    "_TIERS: tuple[ToolTier, ...] = get_args(ToolTier)\n"
+    "_NONE = '--'\n";
 
 // The functions in the order the module body defines them: those before the record type...
 const FunctionDef* const kFunctionsBeforeRecord[] = {
@@ -118,6 +129,13 @@ Ref type_from(PyObject* module, PyType_Spec& spec) {
   return own(PyType_FromModuleAndSpec(module, &spec, nullptr));
 }
 
+// Statements of the module body that are plain Python, run as such in the module's namespace,
+// with annotations kept as texts.
+void run_statements(PyObject* globals, const std::string& source) {
+  PyCompilerFlags flags = {CO_FUTURE_ANNOTATIONS, PY_MINOR_VERSION};
+  own(PyRun_StringFlags(source.c_str(), Py_file_input, globals, globals, &flags));
+}
+
 // The module body, in its order: bookkeeping, imports, globals, functions and the record type.
 void run_module_body(PyObject* module) {
   PyObject* globals = PyModule_GetDict(module);
@@ -128,40 +146,10 @@ void run_module_body(PyObject* module) {
   state.row_type = type_from(module, row_type_spec);
   state.shown = make_shown_texts();
   bookkeeping(globals);
-  PyObject* importer = PyDict_GetItemString(PyEval_GetBuiltins(), "__import__");
-  if (!importer) {
-    PyErr_SetString(PyExc_ImportError, "__import__ not found");
-    raise();
-  }
-  Ref keep_importer = Ref::borrow(importer);
-  import_from(module, importer, "__future__", {"annotations"});
-  set(globals, "re", own(PyImport_ImportModule("re")).get());
-  import_from(module, importer, "collections.abc", {"Callable", "Iterable"});
-  import_from(module, importer, "dataclasses", {"dataclass"});
-  import_from(module, importer, "pathlib", {"Path"});
-  import_from(module, importer, "typing", {"Any", "get_args"});
-  import_host_names(module, importer);
-
-  Ref all = own(PyList_New(0));
-  for (const char* entry : kAll) {
-    check(PyList_Append(all.get(), own(PyUnicode_InternFromString(entry)).get()));
-  }
-  set(globals, "__all__", all.get());
-  PyObject* get_args = PyDict_GetItemString(globals, "get_args");
-  PyObject* tier_type = PyDict_GetItemString(globals, "ToolTier");
-  if (!get_args || !tier_type) {
-    PyErr_SetString(PyExc_ImportError, "get_args or ToolTier is missing");
-    raise();
-  }
-  set(globals, "_TIERS", call(get_args, {tier_type}).get());
-  check(PyObject_SetItem(own(PyObject_GetItem(globals, text("__annotations__").get())).get(),
-                         state.name(Id::TIERS), text("tuple[ToolTier, ...]").get()));
-  set(globals, "_NONE", text("--").get());
-  state.marker = compile_marker(module);
-  set(globals, "_MARKER", state.marker.get());
-
+  run_statements(globals, std::string(kImports) + kHostImports + kGlobals + kMarkerStatement);
+  state.marker = Ref::borrow(PyDict_GetItemString(globals, "_MARKER"));
   bind_functions(state, module, kFunctionsBeforeRecord, std::size(kFunctionsBeforeRecord));
-  set(globals, "GeneratedFile", build_generated_file(module).get());
+  run_statements(globals, kGeneratedFileClass);
   bind_functions(state, module, kFunctionsAfterRecord, std::size(kFunctionsAfterRecord));
 }
 
