@@ -97,7 +97,6 @@ namespace registry_docs {
   X(space, " ")                                               \
   X(newline, "\n")                                            \
   X(comma, ", ")                                              \
-  X(bar_sep, " | ")                                           \
   X(and_sep, " and ")                                         \
   X(bar, "|")                                                 \
   X(escaped_bar, "\\|")                                       \
