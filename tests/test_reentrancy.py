@@ -11,6 +11,7 @@ import re
 import shutil
 import tempfile
 import unittest
+import weakref
 from pathlib import Path
 
 import quenor_dorvan.tool_registry as registry
@@ -442,6 +443,58 @@ class ReentrancyTest(unittest.TestCase):
         for name in ("skill_tools_block", "mcp_overview_block", "mcp_cli_block",
                      "mcp_params_block"):
             sides.same(f"{name}", world, later(name))
+        self.assertEqual(+sides.mismatches, {}, "cases whose outcome or reads differ")
+
+    def test_kept_rows_are_generators(self):
+        # Kept rows step as generators do: a row whose cell raised is finished, a row read from
+        # inside one of its own cells is already executing, and rows kept only in a cycle are
+        # collected.
+        def world(side):
+            names, side.kept = stand_ins(side), []
+            names["_table"] = lambda header, rows: side.kept.append(rows) or ["kept"]
+            return names
+
+        def read(side):
+            side.ns["skill_tools_block"]()
+            rows = side.kept.pop()
+            first, second = next(rows), next(rows)
+            side.ns["_code"] = lambda value: side.fail()
+            ends = [outcome(side, lambda: list(first)) for _ in range(2)]
+            side.ns["_code"] = lambda value: next(second)
+            ends.append(outcome(side, lambda: list(second)))
+            probe = Record(side, "probe", name="probe", tier="core", action_names=[])
+            side.ns["ordered_tools"] = lambda: [probe]
+            side.ns["skill_tools_block"]()
+            probe.fields["rows"], probe = side.kept.pop(), weakref.ref(probe)
+            gc.collect()
+            return ends, probe() is None
+
+        sides = Sides(self)
+        self.assertEqual(sides.same("generators", world, read)[0][1][-1], True)
+        self.assertEqual(+sides.mismatches, {}, "cases whose outcome or reads differ")
+
+    def test_error_while_a_value_error_becomes_a_line(self):
+        # The error `str()` of a renderer's value error raises has that error, with its
+        # traceback, as its context.
+        class Unprintable(ValueError):
+            def __str__(self):
+                raise RuntimeError("str")
+
+        def world(side):
+            def renderer():
+                raise Unprintable()
+
+            record = docs.GeneratedFile("f.md", (("a", renderer),))
+            return dict(generated_files=lambda: (record,), _read=lambda root, g: block("a", ""))
+
+        def check(side):
+            try:
+                side.ns["stale_blocks"](Path("."))
+            except RuntimeError as error:
+                return type(error.__context__), error.__context__.__traceback__ is not None
+
+        sides = Sides(self)
+        self.assertEqual(sides.same("context", world, check)[0][1], (Unprintable, True))
         self.assertEqual(+sides.mismatches, {}, "cases whose outcome or reads differ")
 
     def test_replacement_function_kept_by_marker(self):
