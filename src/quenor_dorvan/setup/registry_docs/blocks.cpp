@@ -72,11 +72,9 @@ Ref skill_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
 
 Ref skill_tools_block_body(const Env& env, PyObject* const*) {
   Ref rows = lazy_rows(env, iter_ordered_tools(env), skill_row);
-  Ref heading = TextWriter()
-                    .lit("## Tool reference (")
-                    .number(tool_count(env))
-                    .lit(" tools; MCP name = CLI `quenor-dorvan query <tool>`)")
-                    .finish();
+  Ref heading = own(PyUnicode_FromFormat(
+      "## Tool reference (%zd tools; MCP name = CLI `quenor-dorvan query <tool>`)",
+      tool_count(env)));
   return line_then_table(env, heading.get(), shown(env, kSkillHeader), rows.get());
 }
 
@@ -144,9 +142,9 @@ Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
       collect(lookup(env, Id::TIERS).get(), [&](PyObject* tier) { return tier_line(env, tier); });
   LineJoiner out;
   write_table(env, out, shown(env, kOverviewHeader), rows.get());
-  out.line(env.name(Id::empty));
-  out.line(shown(env, kTiersTitle));
-  out.line(env.name(Id::empty));
+  for (PyObject* line : {env.name(Id::empty), shown(env, kTiersTitle), env.name(Id::empty)}) {
+    out.line(line);
+  }
   out.lines(tier_lines.get());
   return out.finish();
 }

@@ -358,7 +358,7 @@ void write_row(const Env& env, LineJoiner& out, const Global& row, PyObject* cel
   struct Drain {  // running while its cells are made, finished after
     Lazy& row;
     Ref tool = Ref::borrow(row.source);
-    Drain(Lazy& lazy) : row(lazy) { row.running = true; }
+    explicit Drain(Lazy& lazy) : row(lazy) { row.running = true; }
     ~Drain() {
       row.running = false;
       Py_CLEAR(row.source);
