@@ -595,6 +595,8 @@ class ReentrancyTest(unittest.TestCase):
             (names(rules_table=lambda: 5), ["rules_block"]),
             (names(without_markers=lambda text: None), ["rules_block"]),
             (names(QUENOR_INSTRUCTION_CONTENT=None), ["rules_block"]),
+            (lambda side: (side.ns.update(_MARKER=object()),  # `sub` read before the content
+                           side.ns.pop("QUENOR_INSTRUCTION_CONTENT")), ["rules_block"]),
             (names(QUENOR_INSTRUCTION_CONTENT=b"<!-- registry:a -->\n<!-- /registry:a -->"),
              ["rules_block"]),
             (renderers(None), ["render_file"]),
