@@ -20,14 +20,16 @@ import time
 import timeit
 import tracemalloc
 from pathlib import Path
+from unittest import mock
 
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent / "tests"))
 sys.path.insert(0, str(HERE))
 
-import support  # noqa: E402  (the tests' helpers: the model, the clone registry)
+import harness  # noqa: E402  (the tests' helpers: the model, the example)
 from host_floor import catalogue_floor, count, counted_registry  # noqa: E402
-from support import docs  # noqa: E402
+from harness import docs  # noqa: E402
+from quenor_dorvan import tool_registry, tool_schemas  # noqa: E402
 
 FILES = ("src/quenor_dorvan/setup/skill_text.py", "src/quenor_dorvan/setup/config.py",
          "docs/claude-instructions-template.md", "README.md", "docs/mcp-tools.md")
@@ -35,19 +37,60 @@ FILES = ("src/quenor_dorvan/setup/skill_text.py", "src/quenor_dorvan/setup/confi
 
 # -- the registry and its files -----------------------------------------------------------------
 
+class HostTool:
+    """A clone of an example tool under another name, with plain attributes as a host holds them."""
+
+    def __init__(self, source, name):
+        self.name, self.tier, self.summary, self.mcp_text = name, source.tier, source.summary, source.mcp_text
+        self.actions, self.action_names = source.actions, source.action_names
+        self.all_params = tuple(HostParam(p) for p in source.all_params)
+
+
+class HostParam:
+    def __init__(self, source):
+        for field in ("name", "type", "required", "default", "action_defaults", "applies_to", "values"):
+            setattr(self, field, getattr(source, field))
+
+    def values_text(self, formatter):
+        if not self.values:
+            return ""
+        lead = "Any of" if self.type == "array" else "One of"
+        return f"{lead} {', '.join(formatter(value) for value in self.values)}."
+
+
+def synthetic_registry(count):
+    """The names to bind for a registry of `count` tools: the example's cloned in turn (so the
+    tiers interleave), named after their source and round (`search_0`, ...)."""
+    sources, tools, schemas = tool_registry.TOOLS, [], {}
+    for i in range(count):
+        source = sources[i % len(sources)]
+        tools.append(HostTool(source, f"{source.name}_{i // len(sources)}"))
+        schemas[tools[-1].name] = tool_schemas.get_cli_schema(source.name)
+    return {"TOOLS": tuple(tools), "get_cli_schema": schemas.__getitem__}
+
+
+def with_params_blocks(text, blocks):
+    """The example's MCP reference text with its per-tool sections replaced by one section for
+    each (tool name, old body) pair of `blocks`, in that order."""
+    head, rest = text.split("## Core tools\n", 1)
+    sections = (f"### {name}\n\n<!-- registry:params:{name} -->\n{body}<!-- /registry:params:{name} -->\n\n"
+                for name, body in blocks)
+    return head + "## Tools\n\n" + "".join(sections) + rest[rest.index("## Errors"):]
+
+
 class Workload:
     """A synthetic registry of `size` tools, the model bound to it, and the five files' texts."""
 
     def __init__(self, size):
-        self.names = support.synthetic_registry(size)
-        self.model = support.python_model()
+        self.names = synthetic_registry(size)
+        self.model = harness.python_model()
         self.model.update(self.names)
-        example = {path: (support.EXAMPLE / path).read_text(encoding="utf-8") for path in FILES}
+        example = {path: (harness.EXAMPLE / path).read_text(encoding="utf-8") for path in FILES}
         # Each clone's parameter block starts out holding its source tool's old table.
         old = docs._blocks(example["docs/mcp-tools.md"])
         tiers = docs._TIERS
         listed = sorted(self.names["TOOLS"], key=lambda tool: tiers.index(tool.tier))
-        example["docs/mcp-tools.md"] = support.with_params_blocks(example["docs/mcp-tools.md"], [
+        example["docs/mcp-tools.md"] = with_params_blocks(example["docs/mcp-tools.md"], [
             (tool.name, old["params:" + tool.name.rsplit("_", 1)[0]]) for tool in listed])
         self.texts = example
 
@@ -55,7 +98,7 @@ class Workload:
     def installed(self, names=None):
         """The registry bound on the module (restored afterwards) and in the model's namespace."""
         names = names or self.names
-        with support.rebound(**names):
+        with mock.patch.dict(vars(docs), names):
             self.model.update(names)
             yield
 

@@ -1,6 +1,5 @@
-// A naive block-marker scanner for the tests: the search of the module's `_MARKER` pattern as the
-// regex engine runs it, with its backtracking, in quadratic time or worse. At each position it
-// tries every name length, longest first, then every body length, shortest first.
+// The search of the module's `_MARKER` pattern as the regex engine runs it, backtracking: at each
+// position every name length, longest first, then every body length, shortest first.
 #pragma once
 #include <cstddef>
 #include <cstdint>

@@ -1,9 +1,5 @@
-"""A pure-Python model of the registry_docs functions, for the tests that compare with it.
-
-Not imported: support.python_model executes this source into a copy of the native module's globals,
-so every name it reads (TOOLS, _TIERS, _NONE, _MARKER, get_cli_schema, ...) is looked up in that
-copy at each call, as the module's own functions look them up in theirs.
-"""
+"""The registry_docs functions in pure Python. Not imported: the harness runs this source in a copy
+of the module's globals, where each name it reads is looked up at each call."""
 
 
 # -- listing ------------------------------------------------------------------------------------
@@ -29,8 +25,7 @@ def _actions_cell(tool, placeholder):
 
 def cli_usage(tool):
     return " ".join(["quenor-dorvan query", snake_to_kebab(tool.name),
-                     *(f"--{snake_to_kebab(p.name)} <{p.name}>" for p in tool.all_params
-                       if p.required)])
+                     *(f"--{snake_to_kebab(p.name)} <{p.name}>" for p in tool.all_params if p.required)])
 
 
 # -- markdown -----------------------------------------------------------------------------------
@@ -240,15 +235,12 @@ def _params_renderer(tool):
 def generated_files():
     return (
         GeneratedFile("src/quenor_dorvan/setup/skill_text.py",
-                      (("skill-routes", skill_routes_block), ("skill-tools", skill_tools_block)),
-                      _skill_text),
-        GeneratedFile("src/quenor_dorvan/setup/config.py", (("rules-routes", rules_table),),
-                      _literal_text),
+                      (("skill-routes", skill_routes_block), ("skill-tools", skill_tools_block)), _skill_text),
+        GeneratedFile("src/quenor_dorvan/setup/config.py", (("rules-routes", rules_table),), _literal_text),
         GeneratedFile("docs/claude-instructions-template.md", (("rules-block", rules_block),)),
         GeneratedFile("README.md", (("readme-tools", readme_tools_block),)),
         GeneratedFile("docs/mcp-tools.md", (
-            ("mcp-intro", mcp_intro_block), ("mcp-overview", mcp_overview_block),
-            ("mcp-cli", mcp_cli_block),
+            ("mcp-intro", mcp_intro_block), ("mcp-overview", mcp_overview_block), ("mcp-cli", mcp_cli_block),
             *((f"params:{tool.name}", _params_renderer(tool)) for tool in ordered_tools()))),
     )
 

@@ -23,6 +23,8 @@ struct MarkedBlock {
   std::ptrdiff_t body_start;  // after the open marker's line feed
   std::ptrdiff_t close_start;
   std::ptrdiff_t close_end;
+
+  bool operator==(const MarkedBlock&) const = default;
 };
 
 namespace markers {

@@ -1,7 +1,9 @@
-"""The example host's maintenance script, run as its users run it: by hand, in CI and from pre-commit."""
+"""The example host as its users run it: the maintenance script by hand, in CI and from
+pre-commit, and the Markdown it writes as GitHub renders it (cmark-gfm with its table extension)."""
 
 import contextlib
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -9,10 +11,12 @@ import tempfile
 import unittest
 from pathlib import Path
 
-import support
-from support import docs
+import harness
+from harness import docs
 
-SCRIPT = "scripts/gen_registry_docs.py"
+CMARK_GFM = shutil.which("cmark-gfm")
+
+
 PATHS = [generated.path for generated in docs.generated_files()]
 NEEDS_GIT = unittest.skipUnless(shutil.which("git"), "git is not installed")
 
@@ -20,21 +24,16 @@ NEEDS_GIT = unittest.skipUnless(shutil.which("git"), "git is not installed")
 @contextlib.contextmanager
 def host_repository():
     """A copy of the example host repository whose package holds this build's module."""
-    with support.example_copy() as root:
+    with harness.example_copy() as root:
         shutil.copy(docs.__file__, root / "src/quenor_dorvan/setup")
         yield root
 
 
-def environment(root, **names):
-    return dict(os.environ, PYTHONPATH=str(root / "src"), **names)
-
-
-def run(root, *args, env=None, whole=True):
-    done = subprocess.run([sys.executable, "-X", "dev", str(root / SCRIPT), *args],
-                          capture_output=True, env=env or environment(root))
+def run(root, *args, env=None):
+    done = subprocess.run([sys.executable, "-X", "dev", str(root / "scripts/gen_registry_docs.py"), *args],
+                          capture_output=True, env=env or dict(os.environ, PYTHONPATH=str(root / "src")))
     # Decoded by hand: text mode would turn the "\r\n" of a diff line into "\n".
-    done.stdout, done.stderr = done.stdout.decode(), done.stderr.decode()
-    return (done.returncode, done.stdout, done.stderr) if whole else done
+    return done.returncode, done.stdout.decode(), done.stderr.decode()
 
 
 def files(root):
@@ -48,32 +47,26 @@ def lines(texts):
 class ScriptTest(unittest.TestCase):
     @NEEDS_GIT
     def test_check_diff_and_write(self):
-        with host_repository() as root, support.example_copy() as patched:
+        with host_repository() as root, harness.example_copy() as patched:
             for tree in (root, patched):
                 # Only "\n" ends a line of the diff: a form feed or U+2028 in the hand-written text
                 # stays inside its line; a file may end right after a block, without a line end.
-                readme = tree / "README.md"
-                text = readme.read_text(encoding="utf-8")
-                readme.write_text(text.replace("\n\n<!-- registry:readme-tools -->",
-                                               "\f\u2028\n\n<!-- registry:readme-tools -->"),
-                                  encoding="utf-8")
-                mcp = tree / "docs/mcp-tools.md"
+                readme, mcp = tree / "README.md", tree / "docs/mcp-tools.md"
+                readme.write_text(readme.read_text(encoding="utf-8").replace(
+                    "\n\n<!-- registry:readme-tools -->", "\f\u2028\n\n<!-- registry:readme-tools -->"), encoding="utf-8")
                 text = mcp.read_text(encoding="utf-8")
-                mcp.write_text(text[:text.index(" -->", text.rindex("<!-- /registry:")) + 4],
-                               encoding="utf-8")
+                mcp.write_text(text[:text.index(" -->", text.rindex("<!-- /registry:")) + 4], encoding="utf-8")
                 # A CRLF file: --write leaves it with "\n" line ends, and the diff says so.
                 template = tree / "docs/claude-instructions-template.md"
                 template.write_bytes(template.read_bytes().replace(b"\n", b"\r\n"))
             report = lines(docs.stale_blocks(root))
             self.assertEqual((run(root, "--check")), (1, report, ""))
 
-            check = run(root, "--check", "--diff", whole=False)
-            self.assertEqual((check.returncode, check.stdout[:len(report)], check.stderr),
-                             (1, report, ""))
-            patch = check.stdout[len(report):]
+            status, out, err = run(root, "--check", "--diff")
+            self.assertEqual((status, out[:len(report)], err), (1, report, ""))
+            patch = out[len(report):]
             headers = [line for line in patch.split("\n") if line.startswith(("--- a/", "+++ b/"))]
-            self.assertEqual(headers, [f"{side}{path}" for path in PATHS
-                                       for side in ("--- a/", "+++ b/")])
+            self.assertEqual(headers, [f"{side}{path}" for path in PATHS for side in ("--- a/", "+++ b/")])
             # The diff is the change that --write makes, as git reads it.
             subprocess.run(["git", "apply", "--whitespace=nowarn", "-"], input=patch.encode(),
                            cwd=patched, check=True, capture_output=True)
@@ -81,8 +74,7 @@ class ScriptTest(unittest.TestCase):
             self.assertEqual((run(root, "--write")), (0, lines(PATHS), ""))
             self.assertEqual(files(root), files(patched))
             self.assertEqual((run(root, "--write")), (0, "", ""))
-            self.assertEqual((run(root, "--check", "--diff")),
-                             (0, "", "all generated blocks are current\n"))
+            self.assertEqual((run(root, "--check", "--diff")), (0, "", "all generated blocks are current\n"))
 
     def test_errors_are_one_line(self):
         stray_from = '"properties": {param.name: _property(param) for param in tool.all_params},'
@@ -97,8 +89,7 @@ class ScriptTest(unittest.TestCase):
             return change
 
         cases = [
-            (lambda root: (root / "docs/mcp-tools.md").unlink(), (),
-             "docs/mcp-tools.md: No such file or directory"),
+            (lambda root: (root / "docs/mcp-tools.md").unlink(), (), "docs/mcp-tools.md: No such file or directory"),
             (lambda root: (root / "README.md").write_bytes(b"\xff" + (root / "README.md").read_bytes()),
              (), "README.md: 'utf-8' codec can't decode byte 0xff in position 0: invalid start byte"),
             (edit("README.md", "<!-- /registry:readme-tools -->", ""), (),
@@ -115,8 +106,7 @@ class ScriptTest(unittest.TestCase):
                 with self.subTest(line=line, mode=mode), host_repository() as root:
                     change(root)
                     before = files(root)
-                    self.assertEqual((run(root, mode, *args)),
-                                     (2, "", f"gen_registry_docs: {line}\n"))
+                    self.assertEqual((run(root, mode, *args)), (2, "", f"gen_registry_docs: {line}\n"))
                     self.assertEqual(files(root), before)
 
     @NEEDS_GIT
@@ -124,11 +114,10 @@ class ScriptTest(unittest.TestCase):
     def test_pre_commit_hook(self):
         with host_repository() as root, tempfile.TemporaryDirectory() as home:
             # The hook's `python3` is this interpreter; git and pre-commit see none of the user's set-up.
-            env = environment(
-                root, PATH=os.pathsep.join([str(Path(sys.executable).parent), os.environ["PATH"]]),
-                PRE_COMMIT_HOME=home, GIT_CONFIG_GLOBAL=os.devnull, GIT_CONFIG_NOSYSTEM="1",
-                GIT_AUTHOR_NAME="Dev", GIT_AUTHOR_EMAIL="dev@example.org",
-                GIT_COMMITTER_NAME="Dev", GIT_COMMITTER_EMAIL="dev@example.org")
+            env = dict(os.environ, PYTHONPATH=str(root / "src"), PRE_COMMIT_HOME=home, GIT_CONFIG_GLOBAL=os.devnull,
+                       PATH=os.pathsep.join([str(Path(sys.executable).parent), os.environ["PATH"]]), GIT_CONFIG_NOSYSTEM="1",
+                       **{f"GIT_{who}_{what}": value for who in ("AUTHOR", "COMMITTER")
+                          for what, value in (("NAME", "Dev"), ("EMAIL", "dev@example.org"))})
 
             def command(*args):
                 return subprocess.run(args, cwd=root, env=env, capture_output=True, encoding="utf-8")
@@ -145,6 +134,32 @@ class ScriptTest(unittest.TestCase):
             accepted = command("git", "commit", "-m", "Generated blocks in step")
             self.assertEqual(accepted.returncode, 0, accepted.stdout + accepted.stderr)
 
+
+def rendered_tables(markdown):
+    """The tables of the HTML that cmark-gfm makes: each a list of rows, each a list of cells."""
+    done = subprocess.run([CMARK_GFM, "--extension", "table"], input=markdown, capture_output=True,
+                          encoding="utf-8", check=True)
+    return [[re.findall(r"<t[hd][^>]*>(.*?)</t[hd]>", row) for row in re.findall(r"<tr>(.*?)</tr>", table, re.S)]
+            for table in re.findall(r"<table>(.*?)</table>", done.stdout, re.S)]
+
+
+class RenderedTablesTest(unittest.TestCase):
+    @unittest.skipUnless(CMARK_GFM, "cmark-gfm is not installed")
+    def test_tables_keep_their_columns_and_pipes(self):
+        with harness.example_copy() as root:
+            docs.write_blocks(root)
+            for path in ("README.md", "docs/mcp-tools.md"):
+                text = (root / path).read_text(encoding="utf-8")
+                rows = [line for line in text.split("\n") if line.startswith("|") and "| --- |" not in line]
+                cells = [row for table in rendered_tables(text) for row in table]
+                self.assertEqual(len(cells), len(rows), path)
+                # An escaped pipe is a pipe inside its cell, not a cell boundary.
+                self.assertEqual([sum(cell.count("|") for cell in row) for row in cells],
+                                 [row.count("\\|") for row in rows], path)
+                # GitHub pads or cuts a row to its header's cells: each row alone, over a delimiter
+                # row of as many cells as it is rendered with, must be taken as a header of its own.
+                alone = rendered_tables("".join(f"{row}\n|{' --- |' * len(cell)}\n\n" for row, cell in zip(rows, cells)))
+                self.assertEqual([len(table[0]) for table in alone], [len(cell) for cell in cells], path)
 
 if __name__ == "__main__":
     unittest.main()

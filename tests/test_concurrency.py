@@ -1,0 +1,134 @@
+"""The module in subinterpreters beside the main one, and in threads that render while another
+rebinds TOOLS."""
+
+import collections
+import dataclasses
+import json
+import sys
+import tempfile
+import threading
+import time
+import unittest
+from pathlib import Path
+from unittest import mock
+
+import quenor_dorvan.tool_registry as registry
+from harness import docs, example_copy
+
+# Each interpreter renders with rows kept by a replaced `_table`, reads them once the module's own
+# `_table` is back, and checks a copy of the example host.
+USE = """import json, sys
+from pathlib import Path
+from unittest import mock
+sys.path[:0] = {path!r}
+import quenor_dorvan.setup.registry_docs as docs
+for _ in range({rounds}):
+    kept, own = [], docs._table
+    docs._table = lambda header, rows: kept.append(rows) or []
+    docs.skill_tools_block()
+    docs._table = own
+    result = {{"rows": [list(row) for row in kept[0]], "stale": docs.stale_blocks(Path({root!r}))}}
+Path({out!r}).write_text(json.dumps(result))
+"""
+# All that the module's body imports, and the json the use needs: all but the module.
+BARE = f"import sys\nsys.path[:0] = {sys.path!r}\nimport collections.abc, dataclasses, inspect, json, pathlib, re\n" + (
+    "import typing, quenor_dorvan.setup.config, quenor_dorvan.tool_registry, quenor_dorvan.tool_routes\n"
+    "import quenor_dorvan.tool_schemas, quenor_dorvan.workers.api_endpoints\n")
+
+
+def runners():
+    """(label, run(code) -> 0 when it ran) for each way to run code in a new subinterpreter here."""
+    import _testcapi
+    found = [("shared GIL", _testcapi.run_in_subinterp)]
+    if sys.version_info >= (3, 12):  # isolated, with a GIL of its own
+        newer = sys.version_info >= (3, 13)
+        interpreters = __import__("_interpreters" if newer else "_xxsubinterpreters")
+
+        def own_gil(code):
+            interpreter = interpreters.create(*(["isolated"] if newer else []))
+            try:
+                return interpreters.run_string(interpreter, code) or 0
+            finally:
+                interpreters.destroy(interpreter)
+        found.append(("own GIL", own_gil))
+    return found
+
+
+def copies(reworded):
+    """Fresh copies of the example's tools; the reworded ones change only texts the docs show."""
+    return tuple(dataclasses.replace(tool, summary=tool.summary + " Again.", mcp_text=tool.mcp_text.upper())
+                 if reworded else dataclasses.replace(tool) for tool in registry.TOOLS)
+
+
+class ConcurrencyTest(unittest.TestCase):
+    def test_each_subinterpreter_has_its_own_module_and_leaks_nothing(self):
+        kept = []
+        with mock.patch.dict(vars(docs), _table=lambda header, rows: kept.append(rows) or []):
+            docs.skill_tools_block()
+        with example_copy() as root, tempfile.TemporaryDirectory() as scratch:
+            out = Path(scratch) / "result.json"
+            once, often = (USE.format(path=sys.path, root=str(root), out=str(out), rounds=rounds) for rounds in (1, 10))
+            expected = {"rows": [list(row) for row in kept[0]], "stale": docs.stale_blocks(root)}
+            for label, run in runners():
+                self.assertEqual(run(once), 0, label)
+                self.assertEqual(json.loads(out.read_text()), expected, label)
+            # With one allocator for all interpreters, what a subinterpreter keeps shows here.
+            label, run = runners()[0]
+
+            def growth(source, rounds=4):
+                run(source)  # warm-up: what the first run caches for the process
+                before = sys.getallocatedblocks()
+                for _ in range(rounds):
+                    run(source)
+                return (sys.getallocatedblocks() - before) / rounds
+
+            baseline, used = growth(BARE), growth(once)
+            if baseline < 1:  # from 3.12 CPython keeps the blocks of every module a subinterpreter imported
+                self.assertLess(used - baseline, 1, label)
+            self.assertLess(growth(often) - used, 1, label)
+
+    def test_threads_render_while_tools_are_rebound(self):
+        calls = {name: getattr(docs, name) for name in (
+            "skill_tools_block", "readme_tools_block", "mcp_overview_block", "mcp_cli_block", "rules_block")}
+        calls["mcp_params_block"] = lambda: docs.mcp_params_block(registry.TOOLS[0])
+        expected = collections.defaultdict(list)
+        for reworded in (False, True):
+            with mock.patch.dict(vars(docs), TOOLS=copies(reworded)):
+                for name, call in calls.items():
+                    expected[name].append(call())
+        seen, stop = collections.Counter(), threading.Event()
+
+        def work(offset):
+            while not stop.is_set():
+                for name in list(calls)[offset:] + list(calls)[:offset]:
+                    try:
+                        result = calls[name]()
+                        seen["AB"[expected[name].index(result)] if result in expected[name] else "neither"] += 1
+                    except Exception as error:  # allowed, when rare: counted, never hidden
+                        seen[f"{type(error).__name__}: {error}"] += 1
+
+        def rebind():
+            while not stop.is_set():
+                docs.TOOLS = copies(docs.TOOLS[0].summary == registry.TOOLS[0].summary)
+
+        interval = sys.getswitchinterval()
+        sys.setswitchinterval(1e-5)  # switch threads often: every few host calls
+        threads = [threading.Thread(target=work, args=(i,)) for i in range(4)] + [threading.Thread(target=rebind)]
+        try:
+            with mock.patch.dict(vars(docs), TOOLS=registry.TOOLS):
+                for thread in threads:
+                    thread.start()
+                time.sleep(2)
+                stop.set()
+                for thread in threads:
+                    thread.join()
+        finally:
+            stop.set()
+            sys.setswitchinterval(interval)
+        self.assertEqual(seen["neither"], 0, seen)
+        self.assertGreater(min(seen["A"], seen["B"]), 20, seen)  # both registries were seen
+        self.assertLess(sum(seen.values()) - seen["A"] - seen["B"], sum(seen.values()) // 10, seen)
+
+
+if __name__ == "__main__":
+    unittest.main()

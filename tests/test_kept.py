@@ -1,0 +1,106 @@
+"""Rows and callbacks that a caller keeps after the call returned, on the module and the model."""
+
+import gc
+import re
+import unittest
+import weakref
+
+from harness import Case, Comparison, Record, docs, outcome
+from test_compare import CALLS, FILE_TEXT, stand_ins
+
+
+def keeping(side):
+    """The stand-ins, with a `_table` that keeps the rows it is given."""
+    names, side.kept = stand_ins(side), []
+    names["_table"] = lambda header, rows: side.kept.append(rows) or ["kept"]
+    return names
+
+
+def read_later(name):
+    # Kept rows are read after the names and the registry changed: each cell is made from the
+    # module as it is then.
+    def read(side):
+        result = CALLS[name](side)
+        side.ns["_code"] = lambda value: f"<{value}>"
+        side.ns["TOOLS"].clear()
+        del side.tools[1].fields["summary"]
+        rows = iter(side.kept.pop())
+        first = list(next(rows))
+        side.ns["_NONE"] = None
+        return result, first, [outcome(side, lambda side: list(row)) for row in rows]
+
+    return read
+
+
+def as_generators(side):
+    # A row whose cell raised is finished, a row read from inside one of its own cells is already
+    # executing, and rows kept only in a cycle are collected.
+    side.ns["skill_tools_block"]()
+    rows = side.kept.pop()
+    first, second = next(rows), next(rows)
+    side.ns["_code"] = lambda value: side.fail()
+    ends = [outcome(side, lambda side: list(first)) for _ in range(2)]
+    side.ns["_code"] = lambda value: next(second)
+    ends.append(outcome(side, lambda side: list(second)))
+    probe = Record("probe", name="probe", tier="core", action_names=[])
+    side.ns["ordered_tools"] = lambda: [probe]
+    side.ns["skill_tools_block"]()
+    probe.fields["rows"], probe = side.kept.pop(), weakref.ref(probe)
+    gc.collect()
+    return ends, probe() is None
+
+
+PATTERN = re.compile(docs._MARKER.pattern, docs._MARKER.flags)
+
+
+class Keeping:
+    """A `_MARKER` whose `sub` keeps the function it is given."""
+
+    def __init__(self):
+        self.kept = []
+
+    def finditer(self, text):
+        return PATTERN.finditer(text)
+
+    def sub(self, function, text):
+        self.kept.append(function)
+        return PATTERN.sub(function, text)
+
+
+def marker_keeping(side):
+    names = stand_ins(side)
+    names["_MARKER"] = side.marker = Keeping()
+    return names
+
+
+def replacement_later(name, text):
+    # Called again once the call returned and the caller dropped its record: Python runs the
+    # closure with what it holds, and renders as during the call.
+    def call(side):
+        result, marked = CALLS[name](side), text(side)
+        side.record = None
+        gc.collect()
+        return result, [function(match) for function in side.marker.kept
+                        for match in PATTERN.finditer(marked)]
+
+    return call
+
+
+def kept_cases():
+    for name in ("skill_tools_block", "mcp_overview_block", "mcp_cli_block", "mcp_params_block"):
+        yield Case(f"rows: read after {name}", keeping, read_later(name))
+    yield Case("generators", keeping, as_generators)
+    yield Case("marker: render_file", marker_keeping, replacement_later("render_file", lambda side: FILE_TEXT))
+    yield Case("marker: rules_block", marker_keeping, replacement_later(
+        "rules_block", lambda side: side.ns["QUENOR_INSTRUCTION_CONTENT"]))
+
+
+class KeptTest(Comparison):
+    def test_kept_rows_and_replacement_functions(self):
+        ends = [self.same(case) for case in kept_cases()]
+        self.assertEqual(ends[4][1][-1], True)  # the rows kept in a cycle were collected
+        self.agreed()
+
+
+if __name__ == "__main__":
+    unittest.main()
