@@ -3,9 +3,9 @@ and with callbacks that change the module's world at every site a call reaches."
 
 import dataclasses
 import itertools
-import typing
 import random
 import re
+import typing
 import unittest
 
 import quenor_dorvan.tool_registry as registry

@@ -1,5 +1,5 @@
 """The module in subinterpreters beside the main one, and in threads that render while another
-rebinds TOOLS."""
+rebinds TOOLS: the module only, as what is at stake is its state per interpreter and its references."""
 
 import collections
 import dataclasses

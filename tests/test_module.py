@@ -101,10 +101,10 @@ class ModuleTest(unittest.TestCase):
                 self.assertTrue(module.__doc__ if module in own.values() else True)  # the model has none
                 with self.assertRaises(TypeError):  # no defaults to take, unlike a def
                     module.__defaults__ = (1,)
+        # The module only: a pickle names the module's function, and the model's defs are collected by design.
         self.assertIs(pickle.loads(pickle.dumps(docs.ordered_tools)), docs.ordered_tools)
-        # A closure that holds itself through its dict is collected.
         closure = docs._params_renderer(tool("t"))
-        closure.itself, collected = closure, weakref.ref(closure)
+        closure.itself, collected = closure, weakref.ref(closure)  # held through its own dict, and collected
         del closure
         gc.collect()
         self.assertIsNone(collected())
