@@ -144,18 +144,15 @@ def outcome(side, call):
     except RecursionError:
         return ("error", RecursionError)  # worded by the depth at which it is noticed
     except Exception as error:  # compared with the other side's, never swallowed
+        try:
+            text = str(error)
+        except Exception as failure:  # an error whose text fails is compared by that failure
+            text = f"str() raised {failure!r}"
         context = error.__context__  # an error raised while another was handled: kept, with its traceback
-        return ("error", type(error), message(error), any(error is e for e in side.raised),
-                type(context), getattr(context, "__traceback__", None) is not None)
+        return ("error", type(error), text, any(error is e for e in side.raised), type(context),
+                getattr(context, "__traceback__", None) is not None)
     finally:
         Side.running = previous
-
-
-def message(error):
-    try:
-        return str(error)
-    except Exception as failure:  # an error whose text fails is compared by that failure
-        return f"str() raised {failure!r}"
 
 
 def texts(value):

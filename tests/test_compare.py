@@ -417,6 +417,9 @@ def odd_cases():
         (lambda side: side.ns.update(TOOLS=iter(side.tools)), ["ordered_tools", "readme_tools_block"]),
         (names(ToolTier=typing.Literal["extended", "core"]), ["ordered_tools"]),  # the tiers are fixed at import
         (names(snake_to_kebab=lambda name: Spelled()), ["cli_usage", "mcp_params_block"]),
+        (lambda side: side.ns.update(_code=side.ns["_value"], _value=side.ns["_cell"],
+                                     _tier_tools=side.ns["_code"]),  # each side's own functions, swapped
+         ["readme_tools_block", "mcp_overview_block", "mcp_params_block", "_tier_counts"]),
         (names(skill_table=lambda facts: None), ["skill_routes_block"]),
         (names(ENDPOINT_FRAMEWORKS={"a": None}), ["skill_routes_block"]),
         (names(rules_table=lambda: 5), ["rules_block"]),
@@ -448,6 +451,7 @@ def odd_cases():
         for number, value in enumerate(values):
             yield Case(f"texts: {function} {number}", lambda side: {}, call(function, value))
     yield Case("texts: _row of a generator", lambda side: {}, lambda side: side.ns["_row"](c for c in "ab"))
+    yield Case("texts: _actions_cell", lambda side: {}, call("_actions_cell", tool("a"), object()))  # that object
     for value in (None, 5, b"x"):
         yield from changed("texts", lambda side: None, ["render_file"], {
             "render_file": lambda side, value=value: side.ns["render_file"](value, side.record)})
