@@ -1,6 +1,8 @@
 """The registry_docs functions in pure Python. Not imported: the harness runs this source in a copy
 of the module's globals, where each name it reads is looked up at each call."""
 
+from __future__ import annotations
+
 
 # -- listing ------------------------------------------------------------------------------------
 
