@@ -10,6 +10,7 @@ import os
 import shutil
 import sys
 import tempfile
+import types
 import unittest
 from pathlib import Path
 from typing import Callable, Optional
@@ -22,7 +23,7 @@ MODEL_FILE = Path(__file__).with_name("reference_model.py")
 
 def python_model():
     """The model run into a copy of the module's globals, where it looks up every name it reads."""
-    namespace = dict(docs.__dict__)
+    namespace = dict(docs.__dict__, __annotations__={})
     exec(compile(MODEL_FILE.read_text(encoding="utf-8"), str(MODEL_FILE), "exec"), namespace)
     return namespace
 
@@ -137,20 +138,48 @@ def shown(value):
     return value
 
 
+def kinds(value):
+    """The types of a result and of all it holds: an equal str of another class is another result."""
+    inner = value.items() if isinstance(value, dict) else value if isinstance(value, (list, tuple)) else ()
+    return type(value).__qualname__, [kinds(item) for item in inner]
+
+
+def attributes(error):
+    """The attributes an error's classes add to BaseException's (`name`, `obj`, `errno`, ...), and its own."""
+    names = [key for kind in type(error).__mro__[:-2] for key, value in vars(kind).items() if not key.startswith(
+        "__") and isinstance(value, (types.MemberDescriptorType, types.GetSetDescriptorType))]
+    seen = {}
+    for key in [*names, *getattr(error, "__dict__", {})]:
+        try:
+            seen[key] = shown(getattr(error, key))
+        except Exception as failure:  # an attribute that is not set raises when read
+            seen[key] = ("raises", type(failure))
+    return seen
+
+
+def error_seen(side, error, depth=4):
+    """All a caller can see of an error: type, args, text, attributes, whether a callback raised it, and
+    the same of its cause and context, down the chain."""
+    if error is None or not depth:
+        return None
+    try:
+        text = str(error)
+    except Exception as failure:  # an error whose text fails is compared by that failure
+        text = f"str() raised {failure!r}"
+    return (type(error), text, shown(error.args), attributes(error), any(error is e for e in side.raised),
+            error.__traceback__ is not None, error.__suppress_context__,
+            error_seen(side, error.__cause__, depth - 1), error_seen(side, error.__context__, depth - 1))
+
+
 def outcome(side, call):
     previous, Side.running = Side.running, side
     try:
-        return ("ok", shown(call(side)))
+        result = call(side)
+        return ("ok", shown(result), kinds(result))
     except RecursionError:
         return ("error", RecursionError)  # worded by the depth at which it is noticed
     except Exception as error:  # compared with the other side's, never swallowed
-        try:
-            text = str(error)
-        except Exception as failure:  # an error whose text fails is compared by that failure
-            text = f"str() raised {failure!r}"
-        context = error.__context__  # an error raised while another was handled: kept, with its traceback
-        return ("error", type(error), text, any(error is e for e in side.raised), type(context),
-                getattr(context, "__traceback__", None) is not None)
+        return ("error", *error_seen(side, error))
     finally:
         Side.running = previous
 
@@ -167,11 +196,68 @@ def malformed(text):
         sys.getsizeof(text) != sys.getsizeof(rebuilt))
 
 
-def run_case(case, ns):
+Text = type("Text", (str,), {})  # a str subclass that adds nothing
+FORMS = ("literal", "built", "subclass")
+MEMOS = {}
+TESTS = str(Path(__file__).parent)
+
+
+def fresh(value, form, memo, depth=0):
+    """`value` with every text in it made anew: an equal str built at run time (never the interned
+    object a literal is, one Latin-1 character or none excepted), or a `Text`. Containers, records and
+    the tests' own functions are copied around them, keeping which object stood where."""
+    if id(value) in memo or depth > 50:  # deeper than host data, as deep as values nested on purpose
+        return memo[id(value)][1] if id(value) in memo else value
+    kind, again = type(value), lambda item: fresh(item, form, memo, depth + 1)  # noqa: E731
+    if kind is str:
+        new = Text(value) if form == "subclass" else value[:1] + value[1:] if len(value) > 1 else (
+            chr(ord(value)) if value else value)
+    elif isinstance(value, (list, dict, Record)):
+        new = kind.__new__(kind)
+        vars(new).update(vars(value)) if hasattr(value, "__dict__") else None
+    elif isinstance(value, tuple):
+        new = kind.__new__(kind, map(again, tuple.__iter__(value)))
+    elif isinstance(value, types.FunctionType) and value.__code__.co_filename.startswith(TESTS):
+        new = types.FunctionType(value.__code__, value.__globals__, value.__name__, again(value.__defaults__),
+                                 again(value.__closure__))
+    elif kind is types.CellType:
+        new = types.CellType()
+        with contextlib.suppress(ValueError):  # an empty cell stays empty
+            new.cell_contents = again(value.cell_contents)
+    elif isinstance(value, types.BuiltinMethodType) and isinstance(value.__self__, (dict, list)):
+        new = getattr(again(value.__self__), value.__name__)
+    elif dataclasses.is_dataclass(value) and not isinstance(value, type):
+        new = dataclasses.replace(value, **{field.name: again(getattr(value, field.name))
+                                            for field in dataclasses.fields(value) if field.init})
+    else:
+        return value
+    memo[id(value)] = (value, new)  # the value is kept, so that its id is not reused meanwhile
+    if isinstance(value, Record):
+        new.fields = again(value.fields)
+    elif isinstance(value, list):
+        list.extend(new, map(again, list.__iter__(value)))  # past a walk of its own
+    elif isinstance(value, dict):
+        dict.update(new, [(again(key), again(item)) for key, item in dict.items(value)])
+    return new
+
+
+def run_case(case, ns, form="literal"):
+    """The case on one side, with the host's texts in one of the `FORMS`: what it ended with, what
+    `after` saw, and what it reached."""
     saved, side = dict(ns), Side(ns, case)
     try:
-        ns.update(case.world(side))
-        result = outcome(side, case.call)
+        names = case.world(side)
+        ns.update(names)
+        if names is not MEMOS.get("names"):  # a world made once serves many cases: it is made anew once
+            MEMOS.clear()
+            MEMOS["names"] = names
+        side.call, memo = case.call, MEMOS.setdefault(form, {})
+        if form != "literal":
+            ns.update({key: fresh(value, form, memo) for key, value in ns.items()
+                       if key in names or saved.get(key, ns) is not value})
+            for key in vars(side).keys() - {"ns", "case", "events", "raised", "count"}:
+                setattr(side, key, fresh(getattr(side, key), form, memo))
+        result = outcome(side, side.call)
         return result, case.after(side) if case.after else None, side.events
     finally:
         ns.clear()
@@ -187,14 +273,19 @@ class Comparison(unittest.TestCase):
         self.mismatches, self.ends, self.bad_texts = collections.Counter(), collections.Counter(), {}
 
     def same(self, case):
-        module, model = (run_case(case, ns) for ns in SIDES.values())
+        for form in FORMS[1:]:
+            self.same_in(case, form)
+        return self.same_in(case, "literal")
+
+    def same_in(self, case, form):
+        module, model = (run_case(case, ns, form) for ns in SIDES.values())
         kind = case.label.split(":")[0]
         self.ends[kind, module[0][0]] += 1
         for text in filter(malformed, texts(module[:2])):
             self.bad_texts.setdefault(kind, text)
         self.mismatches[kind] += module != model
         if module != model and self.mismatches[kind] <= 2:
-            with self.subTest(case.label):
+            with self.subTest(f"{case.label} [{form}]"):
                 self.assertEqual(module, model)
         return module[0]
 

@@ -1,10 +1,29 @@
-"""The registry_docs functions in pure Python. Not imported: the harness runs this source in a copy
-of the module's globals, where each name it reads is looked up at each call."""
+"""The registry_docs module in pure Python, statement for statement: the harness runs it in a copy
+of the module's globals, where each name it reads is looked up at each call; test_module imports it
+as a module of its own and compares the two namespaces."""
 
 from __future__ import annotations
 
+import re
+from collections.abc import Callable, Iterable
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any, get_args
 
-# -- listing ------------------------------------------------------------------------------------
+from quenor_dorvan.setup.config import QUENOR_INSTRUCTION_CONTENT, without_markers
+from quenor_dorvan.tool_registry import TOOLS, ParamSpec, ToolSpec, ToolTier
+from quenor_dorvan.tool_routes import rules_table, skill_table
+from quenor_dorvan.tool_schemas import get_cli_schema, snake_to_kebab
+from quenor_dorvan.workers.api_endpoints import ENDPOINT_FRAMEWORKS
+
+__all__ = ["GeneratedFile", "rules_block", "skill_routes_block", "block_names", "generated_files", "cli_usage",
+           "mcp_cli_block", "mcp_intro_block", "mcp_overview_block", "mcp_params_block", "ordered_tools",
+           "readme_tools_block", "render_file", "skill_tools_block", "stale_blocks", "write_blocks"]
+_TIERS: tuple[ToolTier, ...] = get_args(ToolTier)
+_NONE = "--"
+_MARKER = re.compile(r"(?P<open><!-- registry:(?P<name>[\w:-]+) -->\n)(?P<body>.*?)"
+                     r"(?P<close><!-- /registry:(?P=name) -->)", re.DOTALL)
+
 
 def ordered_tools():
     return sorted(TOOLS, key=lambda tool: _TIERS.index(tool.tier))
@@ -13,24 +32,6 @@ def ordered_tools():
 def _tier_tools(tier):
     return [tool for tool in TOOLS if tool.tier == tier]
 
-
-def _tier_counts():
-    return " and ".join(f"{len(_tier_tools(tier))} {tier}" for tier in _TIERS)
-
-
-def _actions_cell(tool, placeholder):
-    names = tool.action_names
-    if not names:
-        return placeholder
-    return ", ".join(_code(name) for name in names)
-
-
-def cli_usage(tool):
-    return " ".join(["quenor-dorvan query", snake_to_kebab(tool.name),
-                     *(f"--{snake_to_kebab(p.name)} <{p.name}>" for p in tool.all_params if p.required)])
-
-
-# -- markdown -----------------------------------------------------------------------------------
 
 def _code(text):
     return f"`{text}`"
@@ -56,7 +57,21 @@ def _value(value):
     return str(value)
 
 
-# -- blocks -------------------------------------------------------------------------------------
+def _actions_cell(tool, placeholder):
+    names = tool.action_names
+    if not names:
+        return placeholder
+    return ", ".join(_code(name) for name in names)
+
+
+def _tier_counts():
+    return " and ".join(f"{len(_tier_tools(tier))} {tier}" for tier in _TIERS)
+
+
+def cli_usage(tool):
+    return " ".join(["quenor-dorvan query", snake_to_kebab(tool.name),
+                     *(f"--{snake_to_kebab(p.name)} <{p.name}>" for p in tool.all_params if p.required)])
+
 
 def skill_tools_block():
     tools = ordered_tools()
@@ -127,28 +142,6 @@ def mcp_cli_block():
         "", *_table(("Tool", "CLI usage"), rows)])
 
 
-def mcp_params_block(tool):
-    schema = get_cli_schema(tool.name)
-    properties = schema["properties"]
-    if list(properties) != [param.name for param in tool.all_params]:
-        raise ValueError(f"{tool.name}: the CLI schema and the registry name different parameters")
-    required = set(schema["required"])
-    has_actions = bool(tool.actions)
-    header = ("Parameter", "CLI", "Type", "Required", "Default",
-              *(("Actions",) if has_actions else ()), "Description")
-
-    rows = []
-    for param in tool.all_params:
-        prop = properties[param.name]
-        rows.append((_code(param.name), _code(f"--{snake_to_kebab(param.name)}"), _type_cell(prop),
-                     "Yes" if param.name in required else "No", _cell(_default_cell(param)),
-                     *((", ".join(param.applies_to) or "all",) if has_actions else ()),
-                     _description_cell(param, prop)))
-    lines = ((["**Actions:** " + " | ".join(_code(n) for n in tool.action_names), ""]
-              if has_actions else []) + ["#### Parameters", "", *_table(header, rows)])
-    return "\n".join(lines)
-
-
 def _default_cell(param):
     text = _NONE if param.default is None else _value(param.default)
     by_action = ", ".join(f"{action}: {_value(value)}" for action, value in param.action_defaults)
@@ -178,12 +171,34 @@ def _description_cell(param, prop):
     return _cell(" ".join(piece for piece in (description, values, bound) if piece))
 
 
-def _literal_text(block):
-    return block.replace("\\", "\\\\")
+def mcp_params_block(tool):
+    schema = get_cli_schema(tool.name)
+    properties = schema["properties"]
+    if list(properties) != [param.name for param in tool.all_params]:
+        raise ValueError(f"{tool.name}: the CLI schema and the registry name different parameters")
+    required = set(schema["required"])
+    has_actions = bool(tool.actions)
+    header = ("Parameter", "CLI", "Type", "Required", "Default",
+              *(("Actions",) if has_actions else ()), "Description")
+
+    rows = []
+    for param in tool.all_params:
+        prop = properties[param.name]
+        rows.append((_code(param.name), _code(f"--{snake_to_kebab(param.name)}"), _type_cell(prop),
+                     "Yes" if param.name in required else "No", _cell(_default_cell(param)),
+                     *((", ".join(param.applies_to) or "all",) if has_actions else ()),
+                     _description_cell(param, prop)))
+    lines = ((["**Actions:** " + " | ".join(_code(n) for n in tool.action_names), ""]
+              if has_actions else []) + ["#### Parameters", "", *_table(header, rows)])
+    return "\n".join(lines)
 
 
 def _skill_text(block):
     return _literal_text(block).replace("{", "{{").replace("}", "}}")
+
+
+def _literal_text(block):
+    return block.replace("\\", "\\\\")
 
 
 def skill_routes_block():
@@ -197,35 +212,12 @@ def rules_block():
     return without_markers(_MARKER.sub(render, QUENOR_INSTRUCTION_CONTENT)).strip()
 
 
-# -- generated files ----------------------------------------------------------------------------
+@dataclass(frozen=True)
+class GeneratedFile:
+    path: str
+    blocks: tuple[tuple[str, Callable[[], str]], ...]
+    encode: Callable[[str], str] = str
 
-def block_names(text):
-    return [match["name"] for match in _MARKER.finditer(text)]
-
-
-def _blocks(text):
-    return {match["name"]: match["body"] for match in _MARKER.finditer(text)}
-
-
-def render_file(text, generated):
-    pairs = [(name, renderer) for name, renderer in generated.blocks]
-    expected = [name for name, _ in pairs]
-    found = block_names(text)
-    if sorted(found) != sorted(expected) or len(set(found)) != len(found):
-        missing = sorted(set(expected) - set(found))
-        unknown = sorted(set(found) - set(expected))
-        repeated = sorted({name for name in found if found.count(name) > 1})
-        raise ValueError(f"{generated.path}: the markers do not match the blocks it holds "
-                         f"(missing {missing}, unknown {unknown}, repeated {repeated})")
-    renderers = dict(pairs)
-
-    def render(match):
-        return match["open"] + generated.encode(renderers[match["name"]]()) + "\n" + match["close"]
-
-    return _MARKER.sub(render, text)
-
-
-# -- catalogue, checking and writing -------------------------------------------------------------
 
 def _params_renderer(tool):
     def render():
@@ -247,6 +239,28 @@ def generated_files():
     )
 
 
+def block_names(text):
+    return [match["name"] for match in _MARKER.finditer(text)]
+
+
+def render_file(text, generated):
+    pairs = [(name, renderer) for name, renderer in generated.blocks]
+    expected = [name for name, _ in pairs]
+    found = block_names(text)
+    if sorted(found) != sorted(expected) or len(set(found)) != len(found):
+        missing = sorted(set(expected) - set(found))
+        unknown = sorted(set(found) - set(expected))
+        repeated = sorted({name for name in found if found.count(name) > 1})
+        raise ValueError(f"{generated.path}: the markers do not match the blocks it holds "
+                         f"(missing {missing}, unknown {unknown}, repeated {repeated})")
+    renderers = dict(pairs)
+
+    def render(match):
+        return match["open"] + generated.encode(renderers[match["name"]]()) + "\n" + match["close"]
+
+    return _MARKER.sub(render, text)
+
+
 def _read(root, generated):
     return (root / generated.path).read_text(encoding="utf-8")
 
@@ -266,6 +280,10 @@ def stale_blocks(root):
         stale = [name for name, body in old.items() if new.get(name) != body]
         problems.append(f"{generated.path}: blocks out of date: {', '.join(stale)}")
     return problems
+
+
+def _blocks(text):
+    return {match["name"]: match["body"] for match in _MARKER.finditer(text)}
 
 
 def write_blocks(root):

@@ -9,7 +9,7 @@ import typing
 import unittest
 
 import quenor_dorvan.tool_registry as registry
-from harness import (EXAMPLE, Case, Comparison, Record, block, call, callback, docs, outcome,
+from harness import (EXAMPLE, MODEL, Case, Comparison, Record, block, call, callback, docs, outcome,
                      param, reached, recorded, run_case, tool)
 
 BLOCKS = ("skill_tools_block", "readme_tools_block", "mcp_intro_block", "mcp_overview_block", "mcp_cli_block",
@@ -21,14 +21,18 @@ BLOCKS = ("skill_tools_block", "readme_tools_block", "mcp_intro_block", "mcp_ove
 def example_cases():
     clones = tuple(dataclasses.replace(registry.TOOLS[i % 14], name=f"{registry.TOOLS[i % 14].name}_{i}")
                    for i in range(60))  # more of one tier than a sort keeps in order by accident
-    schemas = {"get_cli_schema": lambda name, get=docs.get_cli_schema: get(name.rsplit("_", 1)[0])}
-    for size, names in ((14, {}), (60, {"TOOLS": clones, **schemas})):
-        world = lambda side, names=names: names  # noqa: E731
+    # The host's data, named here so that its texts can be made anew.
+    schemas = {tool.name: docs.get_cli_schema(tool.name) for tool in registry.TOOLS}
+    schemas.update({clone.name: schemas[clone.name.rsplit("_", 1)[0]] for clone in clones})
+    host = dict(_TIERS=docs._TIERS, ENDPOINT_FRAMEWORKS=dict(docs.ENDPOINT_FRAMEWORKS),
+                get_cli_schema=schemas.__getitem__, QUENOR_INSTRUCTION_CONTENT=docs.QUENOR_INSTRUCTION_CONTENT)
+    for size, tools in ((14, registry.TOOLS), (60, clones)):
+        world = lambda side, names={**host, "TOOLS": tools}: names  # noqa: E731
         for name in (*BLOCKS, "ordered_tools", "_tier_counts"):
             yield Case(f"example: {name} of {size}", world, call(name))
         yield Case(f"example: catalogue of {size}", world, lambda side: [  # every file record, each renderer called
             (f.path, [(name, render()) for name, render in f.blocks], f.encode) for f in side.ns["generated_files"]()])
-    yield Case("example: stale_blocks", lambda side: {}, call("stale_blocks", EXAMPLE))
+        yield Case(f"example: stale_blocks of {size}", world, call("stale_blocks", EXAMPLE))
 
 
 # -- random registries and marked texts --------------------------------------------------------------
@@ -261,7 +265,7 @@ ACTIONS = {**{f"rebinds {name}": rebind(name, value) for name, value in REBOUND.
            "replaces TOOLS": lambda side: side.ns.__setitem__("TOOLS", side.tools[2:]),
            "shortens the lists walked": walk_less, "lengthens the lists walked": walk_more,
            "drops fields": drop_fields, "raises": lambda side: side.fail(),
-           "renders again": lambda side: side.events.append(("again", outcome(side, side.case.call)))}
+           "renders again": lambda side: side.events.append(("again", outcome(side, side.call)))}
 CALLS = {name: call(name) for name in BLOCKS}
 CALLS.update({name: lambda side, name=name: side.ns[name](side.tools[0]) for name in ("mcp_params_block", "cli_usage")},
              render_file=lambda side: side.ns["render_file"](FILE_TEXT, side.record),
@@ -360,6 +364,13 @@ def midway_cases():
         yield from changed(f"midway {number}", change, calls)
 
 
+# Values equal to nothing, themselves included, or to everything.
+AnyTier = type("AnyTier", (str,), {"__eq__": lambda self, other: True, "__hash__": str.__hash__})
+Never = type("Never", (str,), {"__eq__": lambda self, other: False, "__ne__": lambda self, other: True,
+                               "__hash__": str.__hash__})
+UNEQUAL = [float("nan"), Never("core"), AnyTier("core"), type("Opaque", (), {"__eq__": lambda self, other: False,
+                                                                              "__hash__": lambda self: 1})()]
+NO_SUB = object()  # one object on both sides, as an error's `obj` names it
 Spelled = type("Spelled", (), {"__format__": lambda self, spec: f"formatted{spec}", "__str__": lambda self: "plain"})
 Unformattable = type("Unformattable", (), {"__format__": lambda self, spec: 1 / 0})
 Appended = type("Appended", (), {"__radd__": lambda self, other: f"{other}<appended>"})  # `str + Appended()`
@@ -385,9 +396,9 @@ def odd_cases():
     Shown = type("Shown", (str,), {"__format__": lambda self, spec: "no"})  # concatenated, not formatted
     Capitalized = type("Capitalized", (str,), {"capitalize": lambda self: Shown("Alpha")})
     Positions = type("Positions", (tuple,), {"index": lambda self, tier: {"core": 0, "extended": 1.5}[tier]})
-    AnyTier = type("AnyTier", (str,), {"__eq__": lambda self, other: True, "__hash__": str.__hash__})
     extra = {"ordered_tools": call("ordered_tools"), "_tier_counts": call("_tier_counts"),
-             "_tier_tools": lambda side: side.ns["_tier_tools"](AnyTier("beta")),
+             "_tier_tools": lambda side: side.ns["_tier_tools"](side.ns["_TIERS"][0]),
+             "_type_cell": lambda side: side.ns["_type_cell"](side.schemas["find_refs"]["properties"]["path"]),
              "_default_cell": lambda side: side.ns["_default_cell"](side.tools[0].fields["all_params"][1]),
              "_description_cell": lambda side: side.ns["_description_cell"](
                  side.tools[0].fields["all_params"][1], side.schemas["find_refs"]["properties"]["path"])}
@@ -425,7 +436,7 @@ def odd_cases():
         (names(rules_table=lambda: 5), ["rules_block"]),
         (names(rules_table=Appended, without_markers=str), ["rules_block"]),
         (names(QUENOR_INSTRUCTION_CONTENT=None), ["rules_block"]),
-        (lambda side: (side.ns.update(_MARKER=object()),  # `sub` is read before the content
+        (lambda side: (side.ns.update(_MARKER=NO_SUB),  # `sub` is read before the content
                        side.ns.pop("QUENOR_INSTRUCTION_CONTENT")), ["rules_block"]),
         (names(QUENOR_INSTRUCTION_CONTENT=b"<!-- registry:a -->\n<!-- /registry:a -->"), ["rules_block"]),
         (renderers(None), ["render_file"]),
@@ -435,6 +446,18 @@ def odd_cases():
         (record(path=None, blocks=[("other", str)]), ["render_file"]),
         (record(path=5, blocks=[("mcp-intro", str), ("mcp-intro", str)]), ["render_file"]),
     ]
+    for value in UNEQUAL:  # the same object in both places, where the model compares with ==, `in` or `index`
+        def renamed(side, value=value):
+            side.tools[0].fields["all_params"][0].fields["name"] = value
+            schema = side.schemas["find_refs"]
+            schema.update(properties={value if key == "path" else key: prop for key, prop in schema[
+                "properties"].items()}, required=[value])
+
+        cases += [(names(_TIERS=(value, "core", "extended")), ["_tier_tools"]),
+                  (lambda side, value=value: (side.ns.update(_TIERS=(value, "core", "extended")),
+                                              fields(0, tier=value)(side)), ["ordered_tools", "mcp_overview_block"]),
+                  (prop(type=value, items={"type": "x"}), ["_type_cell"]), (renamed, ["mcp_params_block"]),
+                  (record(blocks=[(value, str)]), ["render_file"])]
     for number, (change, calls) in enumerate(cases):
         yield from changed(f"odd {number}", change, calls, extra)
     # The primitives, on texts and values of other kinds.
@@ -457,6 +480,25 @@ def odd_cases():
             "render_file": lambda side, value=value: side.ns["render_file"](value, side.record)})
 
 
+# What a replaced helper may return instead of its own kind of value: the interpreter words the error.
+Odd = type("Odd", (str,), {"__format__": lambda self, spec: "formatted", "__add__": lambda self, other: "added",
+                           "__radd__": lambda self, other: "radded", "__iter__": lambda self: iter(["it"])})
+WRONG = [1, None, NO_SUB, Odd("a|b c")]
+HELPERS = ("_table", "_row", "_cell", "_code", "_value", "ordered_tools", "_tier_tools", "_tier_counts", "_actions_cell",
+           "cli_usage", "_default_cell", "_type_cell", "_description_cell", "mcp_params_block", "_params_renderer",
+           "_skill_text", "_literal_text", "block_names", "snake_to_kebab", "get_cli_schema", "rules_table",
+           "skill_table", "without_markers")
+
+
+def wrong_kind_cases():
+    for helper, (name, function) in itertools.product(HELPERS, CALLS.items()):
+        reached = lambda side: dict(stand_ins(side), **{helper: lambda *args: side.fail("reached")})  # noqa: E731
+        if run_case(Case("", reached, function), MODEL)[0][2] == "reached":  # the calls that reach the helper
+            for number, value in enumerate(WRONG):
+                yield Case(f"wrong kind: {helper} {number} in {name}", lambda side, helper=helper, value=value: dict(
+                    stand_ins(side), **{helper: lambda *args: value}), function)
+
+
 Header = type("Header", (), {"__iter__": lambda self: reached("header") or iter(("A", "B"))})  # read: a site
 
 
@@ -472,7 +514,7 @@ def table_cases():
 
 class CompareTest(Comparison):
     def test_example_host_and_odd_values(self):
-        for case in itertools.chain(example_cases(), odd_cases(), midway_cases(), table_cases()):
+        for case in itertools.chain(example_cases(), odd_cases(), midway_cases(), table_cases(), wrong_kind_cases()):
             self.same(case)
         self.assertEqual({kind for kind, end in self.ends if end != "ok"} & {"example"}, set())
         self.agreed()

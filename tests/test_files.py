@@ -107,9 +107,9 @@ def file_cases():
 class FilesTest(Comparison):
     def test_check_and_write(self):
         ends = {case.label: self.same(case) for case in file_cases()}
-        self.assertEqual(ends["current: write_blocks"], ("ok", []))
-        self.assertEqual(ends["stale: write_blocks"], ("ok", list(FILES)))
-        self.assertEqual(ends["listed twice: write_blocks"], ("ok", ["README.md"]))
+        self.assertEqual(ends["current: write_blocks"][:2], ("ok", []))
+        self.assertEqual(ends["stale: write_blocks"][:2], ("ok", list(FILES)))
+        self.assertEqual(ends["listed twice: write_blocks"][:2], ("ok", ["README.md"]))
         self.assertEqual(ends["unprintable: stale_blocks"][1:3], (RuntimeError, "str"))
         self.agreed()
 

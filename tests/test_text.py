@@ -49,8 +49,15 @@ SCANNED = [
     block("é٣", "z\u4e00"), block("a\u200b", ""), block("𝔘", "\U0001f600"), block("Ⅻ", "\ud800")]
 
 
+def marker_names():
+    # Every one-byte code point, and a sample of the two- and four-byte ones, first, in the middle and
+    # last in a block's name, in a text of its own storage width.
+    for points in (range(256), range(256, 0x10000, 61), range(0x10000, 0x110000, 1999)):
+        yield "".join(block(name, "") + "\n" for c in map(chr, points) for name in (c + "ab", "a" + c + "b", "ab" + c))
+
+
 def scanner_cases():
-    for number, text in enumerate(SCANNED):
+    for number, text in enumerate([*SCANNED, *marker_names()]):
         for function in ("block_names", "_blocks"):
             yield Case(f"scan: {function} {number}", lambda side: {}, call(function, text))
 
