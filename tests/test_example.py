@@ -44,6 +44,9 @@ def lines(texts):
     return "".join(f"{text}\n" for text in texts)
 
 
+HINT = "run `python3 scripts/gen_registry_docs.py {}--write`, then commit the files it prints\n"
+
+
 class ScriptTest(unittest.TestCase):
     @NEEDS_GIT
     def test_check_diff_and_write(self):
@@ -60,10 +63,11 @@ class ScriptTest(unittest.TestCase):
                 template = tree / "docs/claude-instructions-template.md"
                 template.write_bytes(template.read_bytes().replace(b"\n", b"\r\n"))
             report = lines(docs.stale_blocks(root))
-            self.assertEqual((run(root, "--check")), (1, report, ""))
+            self.assertEqual((run(root, "--check")), (1, report, HINT.format("")))
+            self.assertEqual((run(root, "--check", "--root", str(root))), (1, report, HINT.format(f"--root {root} ")))
 
             status, out, err = run(root, "--check", "--diff")
-            self.assertEqual((status, out[:len(report)], err), (1, report, ""))
+            self.assertEqual((status, out[:len(report)], err), (1, report, HINT.format("")))
             patch = out[len(report):]
             headers = [line for line in patch.split("\n") if line.startswith(("--- a/", "+++ b/"))]
             self.assertEqual(headers, [f"{side}{path}" for path in PATHS for side in ("--- a/", "+++ b/")])
@@ -92,9 +96,6 @@ class ScriptTest(unittest.TestCase):
             (lambda root: (root / "docs/mcp-tools.md").unlink(), (), "docs/mcp-tools.md: No such file or directory"),
             (lambda root: (root / "README.md").write_bytes(b"\xff" + (root / "README.md").read_bytes()),
              (), "README.md: 'utf-8' codec can't decode byte 0xff in position 0: invalid start byte"),
-            (edit("README.md", "<!-- /registry:readme-tools -->", ""), (),
-             "README.md: the markers do not match the blocks it holds "
-             "(missing ['readme-tools'], unknown [], repeated [])"),
             (edit("src/quenor_dorvan/tool_schemas.py", stray_from, stray_to), (),
              "search: the CLI schema and the registry name different parameters"),
             (lambda root: Path(root / "src/quenor_dorvan/setup", Path(docs.__file__).name).unlink(),
@@ -108,6 +109,42 @@ class ScriptTest(unittest.TestCase):
                     before = files(root)
                     self.assertEqual((run(root, mode, *args)), (2, "", f"gen_registry_docs: {line}\n"))
                     self.assertEqual(files(root), before)
+
+    def test_marker_faults_name_their_lines(self):
+        mcp, cli = "docs/mcp-tools.md", "registry:mcp-cli -->"
+        typo = "not read as a marker: write <!-- registry:NAME --> or <!-- /registry:NAME --> exactly"
+        cases = [  # a file, its edits, and the lines after the module's: each "PATH:" and a fault
+            (mcp, {f"<!-- {cli}": "<!-- registry:mcp-clii -->"}, [
+                '36: open marker "mcp-clii" has no close marker after it; did you mean "mcp-cli"?',
+                '36: block "mcp-cli" is missing', '44: close marker "mcp-cli" has no open marker before it']),
+            (mcp, {cli: "registry:mcp-clii -->"}, [
+                '36: block "mcp-clii" does not belong in this file; did you mean "mcp-cli"?',
+                '36: block "mcp-cli" is missing']),
+            # No marker names the missing block, nor a name close to it: that fault has no line.
+            (mcp, {cli: "registry:mcp-intro -->"}, [
+                '7: block "mcp-intro" is repeated (lines 7, 36)', '36: block "mcp-intro" is repeated (lines 7, 36)',
+                ' block "mcp-cli" is missing']),
+            ("README.md", {"<!-- registry:readme-tools -->": "<!-- registry:readme-tools --> "}, [
+                '35: not read as a marker: an open marker needs a line feed right after "-->"',
+                '35: block "readme-tools" is missing', '52: close marker "readme-tools" has no open marker before it']),
+            # Several faults in one file, all listed in file order.
+            (mcp, {f"<!-- {cli}": "<!-- registry: mcp-cli -->", "/registry:params:search": "/Registry:params:search",
+                   "/registry:params:find_refs -->": "/registry:params:find_refs --"}, [
+                f"36: {typo}", '36: block "mcp-cli" is missing', '44: close marker "mcp-cli" has no open marker before it',
+                '52: open marker "params:search" has no close marker after it', '52: block "params:search" is missing',
+                f"60: {typo}", '76: open marker "params:find_refs" has no close marker after it',
+                '76: block "params:find_refs" is missing', f"85: {typo}"]),
+        ]
+        for path, edits, faults in cases:
+            for mode, newline in (("--check", "\n"), ("--write", "\r\n")):  # "\r\n" line ends count alike
+                with self.subTest(fault=faults[0], mode=mode), host_repository() as root:
+                    text = (root / path).read_text(encoding="utf-8")
+                    for old, new in edits.items():
+                        text = text.replace(old, new)
+                    (root / path).write_bytes(text.replace("\n", newline).encode())
+                    [error], before = [line for line in docs.stale_blocks(root) if " markers " in line], files(root)
+                    expected = lines([f"gen_registry_docs: {error}", *(f"{path}:{fault}" for fault in faults)])
+                    self.assertEqual((run(root, mode), files(root)), ((2, "", expected), before))
 
     @NEEDS_GIT
     @unittest.skipUnless(shutil.which("pre-commit"), "pre-commit is not installed")
