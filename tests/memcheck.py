@@ -1,6 +1,6 @@
 """`python memcheck.py VALGRIND`: test_leaks under valgrind's memcheck, with every object a block of
-its own (PYTHONMALLOC=malloc). Fails when the suite fails or a block definitely lost was allocated
-in a call of the module's functions; what its body makes once at import is left out."""
+its own (PYTHONMALLOC=malloc). Fails when the suite fails, on any error but a leak (invalid reads,
+writes, frees, uninitialised values), and on a block definitely lost in a module call (not at import)."""
 
 import os
 import subprocess
@@ -11,25 +11,34 @@ import xml.etree.ElementTree as ElementTree
 import quenor_dorvan.setup.registry_docs as docs
 
 
+def counted(kind, stacks, module):
+    if kind.startswith("Leak_"):
+        return kind == "Leak_DefinitelyLost" and any(obj == module for obj, _, _ in stacks[0]) and not any(
+            fn == "PyModule_ExecDef" for _, fn, _ in stacks[0])
+    # 3.11 reads the unset digit of a zero int (times its size, 0): its own, reported at each use of that int
+    return not (kind.startswith("Uninit") and sys.version_info[:2] == (3, 11)
+                and "_PyLong_New" in [fn for _, fn, _ in stacks[-1][:3]])
+
+
 def main(valgrind):
     module = os.path.realpath(docs.__file__)
     with tempfile.TemporaryDirectory() as directory:
         report = os.path.join(directory, "memcheck.xml")
         done = subprocess.run([valgrind, "--leak-check=full", "--show-leak-kinds=definite", "--num-callers=50",
-                               "--xml=yes", f"--xml-file={report}", sys.executable, "-m", "unittest", "test_leaks"],
-                              env=dict(os.environ, PYTHONMALLOC="malloc"), check=False)
-        lost = []
+                               "--track-origins=yes", "--xml=yes", f"--xml-file={report}", sys.executable, "-m",
+                               "unittest", "test_leaks"], env=dict(os.environ, PYTHONMALLOC="malloc"), check=False)
+        found = []
         for error in ElementTree.parse(report).getroot().iter("error"):
-            frames = [(frame.findtext("obj") or "", frame.findtext("fn") or "?", frame.findtext("line") or "")
-                      for frame in error.iter("frame")]
-            if (error.findtext("kind") == "Leak_DefinitelyLost" and any(os.path.realpath(obj) == module
-                                                                        for obj, _, _ in frames)
-                    and not any(fn == "PyModule_ExecDef" for _, fn, _ in frames)):
-                lost.append("\n    ".join([error.findtext("xwhat/text") or ""] + [f"{fn}:{line}" for _, fn, line in frames]))
-    print(*lost, sep="\n", file=sys.stderr)
-    if done.returncode != 0 or lost:
-        sys.exit(f"memcheck: the leak suite exited with {done.returncode}; {len(lost)} definite leaks from {module}")
-    print("memcheck: no definite leak from the module")
+            stacks = [[(os.path.realpath(frame.findtext("obj") or "/"), frame.findtext("fn"), frame.findtext("line"))
+                       for frame in stack.iter("frame")] for stack in error.iter("stack")]
+            kind = error.findtext("kind")
+            if counted(kind, stacks, module):
+                found.append("\n    ".join([f"{kind}: {error.findtext('what') or error.findtext('xwhat/text')}"]
+                                           + [f"{fn}:{line}" for stack in stacks for _, fn, line in stack]))
+    print(*found, sep="\n", file=sys.stderr)
+    if done.returncode != 0 or found:
+        sys.exit(f"memcheck: the leak suite exited with {done.returncode}; {len(found)} errors, leaks from the module")
+    print("memcheck: no error, and no definite leak from the module")
 
 
 if __name__ == "__main__":

@@ -1,13 +1,13 @@
 """The module in subinterpreters beside the main one, and in threads that render while another
 rebinds TOOLS: the module only, as what is at stake is its state per interpreter and its references."""
 
+import _testcapi
 import collections
 import dataclasses
 import json
 import sys
 import tempfile
 import threading
-import time
 import unittest
 from pathlib import Path
 from unittest import mock
@@ -16,10 +16,10 @@ import quenor_dorvan.tool_registry as registry
 from harness import docs, example_copy
 
 # Each interpreter renders with rows kept by a replaced `_table`, reads them once the module's own
-# `_table` is back, and checks a copy of the example host.
-USE = """import json, sys
+# `_table` is back, and checks a copy of the example host. Let go of and collected, the module, its
+# state, functions and a kept row must then be freed (the model is plain defs, with none of these).
+USE = """import gc, json, sys, weakref
 from pathlib import Path
-from unittest import mock
 sys.path[:0] = {path!r}
 import quenor_dorvan.setup.registry_docs as docs
 for _ in range({rounds}):
@@ -27,7 +27,14 @@ for _ in range({rounds}):
     docs._table = lambda header, rows: kept.append(rows) or []
     docs.skill_tools_block()
     docs._table = own
-    result = {{"rows": [list(row) for row in kept[0]], "stale": docs.stale_blocks(Path({root!r}))}}
+    row = next(kept[0])
+    result = {{"rows": [list(row), *map(list, kept[0])], "stale": docs.stale_blocks(Path({root!r}))}}
+state = next(item for item in gc.get_referents(own, row) if type(item).__name__ == "state")
+weak = [weakref.ref(item) for item in (docs, own, type(own), type(state), type(row))]
+docs.kept = [*kept, row]  # held by the module itself: only the collector can free them
+del sys.modules[docs.__name__], sys.modules["quenor_dorvan.setup"].registry_docs, docs, kept, own, state, row
+gc.collect()
+result["alive"] = [repr(ref()) for ref in weak if ref()]
 Path({out!r}).write_text(json.dumps(result))
 """
 # All that the module's body imports, and the json the use needs: all but the module.
@@ -36,26 +43,22 @@ BARE = f"import sys\nsys.path[:0] = {sys.path!r}\nimport collections.abc, datacl
     "import quenor_dorvan.tool_schemas, quenor_dorvan.workers.api_endpoints\n")
 
 
-def runners():
-    """(label, run(code) -> 0 when it ran) for each way to run code in a new subinterpreter here."""
-    import _testcapi
-    found = [("shared GIL", _testcapi.run_in_subinterp)]
-    if sys.version_info >= (3, 12):  # isolated, with a GIL of its own
-        newer = sys.version_info >= (3, 13)
-        interpreters = __import__("_interpreters" if newer else "_xxsubinterpreters")
+# (label, run(code) -> 0 when it ran) for each way to run code in a new subinterpreter here.
+RUNNERS = [("shared GIL", _testcapi.run_in_subinterp)]
+if sys.version_info >= (3, 12):  # isolated, with a GIL of its own
+    NEWER = sys.version_info >= (3, 13)
+    interpreters = __import__("_interpreters" if NEWER else "_xxsubinterpreters")
 
-        def own_gil(code):
-            interpreter = interpreters.create(*(["isolated"] if newer else []))
-            try:
-                return interpreters.run_string(interpreter, code) or 0
-            finally:
-                interpreters.destroy(interpreter)
-        found.append(("own GIL", own_gil))
-    return found
+    def own_gil(code):
+        interpreter = interpreters.create(*(["isolated"] if NEWER else []))
+        try:
+            return interpreters.run_string(interpreter, code) or 0
+        finally:
+            interpreters.destroy(interpreter)
+    RUNNERS.append(("own GIL", own_gil))
 
 
-def copies(reworded):
-    """Fresh copies of the example's tools; the reworded ones change only texts the docs show."""
+def copies(reworded):  # fresh copies of the example's tools; reworded ones change only texts the docs show
     return tuple(dataclasses.replace(tool, summary=tool.summary + " Again.", mcp_text=tool.mcp_text.upper())
                  if reworded else dataclasses.replace(tool) for tool in registry.TOOLS)
 
@@ -69,17 +72,18 @@ class ConcurrencyTest(unittest.TestCase):
             out = Path(scratch) / "result.json"
             once, often = (USE.format(path=sys.path, root=str(root), out=str(out), rounds=rounds) for rounds in (1, 10))
             expected = {"rows": [list(row) for row in kept[0]], "stale": docs.stale_blocks(root)}
-            for label, run in runners():
+            for label, run in RUNNERS:
                 self.assertEqual(run(once), 0, label)
-                self.assertEqual(json.loads(out.read_text()), expected, label)
+                result = json.loads(out.read_text())
+                self.assertEqual(result.pop("alive"), [], f"{label}: not freed")
+                self.assertEqual(result, expected, label)
             # With one allocator for all interpreters, what a subinterpreter keeps shows here.
-            label, run = runners()[0]
+            label, run = RUNNERS[0]
 
             def growth(source, rounds=4):
                 run(source)  # warm-up: what the first run caches for the process
                 before = sys.getallocatedblocks()
-                for _ in range(rounds):
-                    run(source)
+                self.assertEqual([run(source) for _ in range(rounds)], [0] * rounds, label)
                 return (sys.getallocatedblocks() - before) / rounds
 
             baseline, used = growth(BARE), growth(once)
@@ -113,13 +117,12 @@ class ConcurrencyTest(unittest.TestCase):
 
         interval = sys.getswitchinterval()
         sys.setswitchinterval(1e-5)  # switch threads often: every few host calls
-        threads = [threading.Thread(target=work, args=(i,)) for i in range(4)] + [threading.Thread(target=rebind)]
+        threads = [threading.Thread(target=work, args=(i,)) for i in range(4)] + [
+            threading.Thread(target=rebind), threading.Timer(2, stop.set)]  # all run for two seconds
         try:
             with mock.patch.dict(vars(docs), TOOLS=registry.TOOLS):
                 for thread in threads:
                     thread.start()
-                time.sleep(2)
-                stop.set()
                 for thread in threads:
                     thread.join()
         finally:
