@@ -199,6 +199,7 @@ def malformed(text):
 Text = type("Text", (str,), {})  # a str subclass that adds nothing
 FORMS = ("literal", "built", "subclass")
 MEMOS = {}
+PLAIN = {int, float, bool, type(None), bytes}  # nothing in them to make anew
 TESTS = str(Path(__file__).parent)
 
 
@@ -206,9 +207,12 @@ def fresh(value, form, memo, depth=0):
     """`value` with every text in it made anew: an equal str built at run time (never the interned
     object a literal is, one Latin-1 character or none excepted), or a `Text`. Containers, records and
     the tests' own functions are copied around them, keeping which object stood where."""
-    if id(value) in memo or depth > 50:  # deeper than host data, as deep as values nested on purpose
-        return memo[id(value)][1] if id(value) in memo else value
-    kind, again = type(value), lambda item: fresh(item, form, memo, depth + 1)  # noqa: E731
+    kind = type(value)
+    if kind in PLAIN or depth > 50:  # deeper than host data, as deep as values nested on purpose
+        return value
+    if id(value) in memo:
+        return memo[id(value)][1]
+    again = lambda item: fresh(item, form, memo, depth + 1)  # noqa: E731
     if kind is str:
         new = Text(value) if form == "subclass" else value[:1] + value[1:] if len(value) > 1 else (
             chr(ord(value)) if value else value)
