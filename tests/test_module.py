@@ -2,6 +2,7 @@
 model's defs do, with the annotations its type stub states."""
 
 import ast
+import builtins
 import copy
 import gc
 import inspect
@@ -18,7 +19,7 @@ import weakref
 from pathlib import Path
 
 import quenor_dorvan.tool_registry as registry
-from harness import MODEL, docs, tool
+from harness import MODEL, MODEL_FILE, docs, shown, tool
 from test_kept import Keeping
 
 STUB = Path(docs.__file__).with_name("registry_docs.pyi")
@@ -62,6 +63,16 @@ def described(function):
         seen.append(outcome(call))
     holder = type("Holder", (), {"f": function})  # a def read through a class binds to the instance
     seen += [holder.f is function, copy.copy(function) is function, copy.deepcopy([function])[0] is function]
+    code, cells = function.__code__, function.__closure__  # CO_NOFREE (0x40) follows the body's cells
+    seen += [code.co_name, getattr(code, "co_qualname", None), code.co_argcount, code.co_varnames[:code.co_argcount],
+             code.co_flags & ~0x40, code.co_freevars, cells is None, cells is function.__closure__,
+             function.__builtins__ is vars(builtins),
+             code.co_filename == (docs.__file__ if function.__globals__ is vars(docs) else str(MODEL_FILE)),
+             shown(inspect.getclosurevars(function).nonlocals),  # the cells; the module's code reads no global
+             inspect.getfullargspec(function)[:6]]  # the model states no annotations
+    if cells:  # the next call reads what a cell holds now
+        del cells[0].cell_contents
+        seen.append(outcome(lambda: function(*range(len(names)))))
     return seen
 
 

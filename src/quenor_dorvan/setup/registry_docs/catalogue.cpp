@@ -10,11 +10,11 @@ namespace {
 
 // `_params_renderer`'s closure: `def render(): return mcp_params_block(tool)`.
 Ref params_render_body(const Env& env, PyObject* const* held) {
-  return lookup(env, Id::mcp_params_block)(held[0]);
+  return lookup(env, Id::mcp_params_block)(captured(env, held, 0));
 }
 
 const FunctionDef kParamsRender("render", nullptr, params_render_body, {}, nullptr,
-                                "_params_renderer.<locals>.render");
+                                "_params_renderer.<locals>.render", {"tool"});
 
 Ref params_renderer_body(const Env& env, PyObject* const* args) {
   return make_closure(env, kParamsRender, {args[0]});

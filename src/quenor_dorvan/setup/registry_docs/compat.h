@@ -42,6 +42,15 @@ inline PyObject* take_exception() {
 #endif
 }
 
+// What a def's body raises when it reads a free variable whose cell a caller emptied.
+#if PY_VERSION_HEX >= 0x030B0000
+inline constexpr char kEmptyFreeVariable[] =
+    "cannot access free variable '%U' where it is not associated with a value in enclosing scope";
+#else
+inline constexpr char kEmptyFreeVariable[] =
+    "free variable '%U' referenced before assignment in enclosing scope";
+#endif
+
 }  // namespace registry_docs::compat
 
 // From 3.12 a module says whether it may be loaded in interpreters with a GIL of their own; this

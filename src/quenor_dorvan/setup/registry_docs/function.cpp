@@ -20,7 +20,9 @@ struct FunctionObject {
   PyObject* module;
   PyObject* globals;
   PyObject* state;     // the module's state object
-  PyObject* bound[2];  // a closure's values, held inline: a tuple would add a tracked object
+  PyObject* builtins;  // taken when made, as a def takes them
+  PyObject* bound[2];  // a closure's values, held inline until a caller asks for its cells
+  PyObject* closure;   // the cells, once asked for: they then hold the values
   PyObject* name;
   PyObject* qualname;
   PyObject* module_name;
@@ -37,8 +39,10 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(f->module);
   Py_VISIT(f->globals);
   Py_VISIT(f->state);
+  Py_VISIT(f->builtins);
   Py_VISIT(f->bound[0]);
   Py_VISIT(f->bound[1]);
+  Py_VISIT(f->closure);
   Py_VISIT(f->binder);
   Py_VISIT(f->signature);
   Py_VISIT(f->dict);
@@ -50,8 +54,10 @@ int function_clear(PyObject* self) {
   Py_CLEAR(f->module);
   Py_CLEAR(f->globals);
   Py_CLEAR(f->state);
+  Py_CLEAR(f->builtins);
   Py_CLEAR(f->bound[0]);
   Py_CLEAR(f->bound[1]);
+  Py_CLEAR(f->closure);
   Py_CLEAR(f->binder);
   Py_CLEAR(f->signature);
   Py_CLEAR(f->dict);
@@ -73,7 +79,7 @@ void function_dealloc(PyObject* self) {
 }
 
 inline Env env_of(const FunctionObject* f) {
-  return Env{&state_of(f->state), f->module, f->globals};
+  return Env{&state_of(f->state), f->module, f->globals, f->builtins, &f->ob_base};
 }
 
 // Leaves the interpreter's recursion depth as it found it, however the body ends.
@@ -87,7 +93,7 @@ class RecursionGuard {
 
 Ref run_body(const FunctionObject* f, PyObject* const* args) {
   RecursionGuard guard;
-  if (!f->bound[0]) return f->def->body(env_of(f), args);
+  if (!f->def->nfree) return f->def->body(env_of(f), args);
   // A closure's body reads its values after its arguments.
   PyObject* all[4];
   std::copy_n(args, f->def->nparams, all);
@@ -96,34 +102,44 @@ Ref run_body(const FunctionObject* f, PyObject* const* args) {
 }
 
 // The source of a def with the function's parameters, annotation texts and qualified name, that
-// returns its arguments bound: `def NAME(tool: 'ToolSpec') -> 'str': return (tool,)`, inside its
-// enclosing def when it is a nested one.
+// returns its arguments bound: `def NAME(tool: ToolSpec) -> str: return (tool,)` (compiled with
+// annotations postponed), inside its enclosing def when it is a nested one, where it reads the
+// free variables its function holds, so that its code names them as the function's.
 std::string binder_source(const FunctionDef& def) {
   std::string params, values;
   for (int i = 0; i < def.nparams; ++i) {
     params += std::string(i ? ", " : "") + def.params[i];
-    if (def.annotations[i]) params += std::string(": '") + def.annotations[i] + "'";
+    if (def.annotations[i]) params += std::string(": ") + def.annotations[i];
     values += std::string(def.params[i]) + ", ";
   }
-  std::string returns = def.returns ? std::string(" -> '") + def.returns + "'" : "";
-  std::string line =
-      std::string("def ") + def.name + "(" + params + ")" + returns + ": return (" + values + ")\n";
+  std::string returns = def.returns ? std::string(" -> ") + def.returns : "";
+  std::string freevars, assigned;
+  for (int i = 0; i < def.nfree; ++i) {
+    freevars += std::string(i ? ", " : "") + def.freevars[i];
+    assigned += std::string(def.freevars[i]) + " = ";
+  }
+  std::string line = std::string("def ") + def.name + "(" + params + ")" + returns + ": " +
+                     (def.nfree ? freevars + "; " : "") + "return (" + values + ")\n";
   std::string_view qualname = def.qualname ? def.qualname : def.name;
   size_t nested = qualname.find(".<locals>.");
   if (nested == std::string_view::npos) return line + "binder = " + def.name + "\n";
   std::string outer(qualname.substr(0, nested));
-  return "def " + outer + "():\n    " + line + "    return " + def.name + "\nbinder = " + outer +
-         "()\n";
+  if (def.nfree) assigned = "    " + assigned + "None\n";
+  return "def " + outer + "():\n" + assigned + "    " + line + "    return " + def.name +
+         "\nbinder = " + outer + "()\n";
 }
 
 // The def that stands for the function wherever a def's own behaviour is the answer: binding
-// arguments other than plain positional ones, with the interpreter's own errors, and the
-// annotations and signature it shows.
+// arguments other than plain positional ones, with the interpreter's own errors, the annotations
+// and signature it shows, and its code, which names the module's file as a def's does.
 PyObject* binder_of(FunctionObject* f) {
   if (!f->binder) {
+    PyCompilerFlags flags = {CO_FUTURE_ANNOTATIONS, PY_MINOR_VERSION};
+    Ref code = own(Py_CompileStringObject(
+        binder_source(*f->def).c_str(), state_of(f->state).file.get(), Py_file_input, &flags, -1));
     Ref globals = own(Py_BuildValue("{sO}", "__builtins__", PyEval_GetBuiltins()));
-    own(PyRun_String(binder_source(*f->def).c_str(), Py_file_input, globals.get(), globals.get()));
-    f->binder = Ref::borrow(PyDict_GetItemString(globals.get(), "binder")).release();
+    own(PyEval_EvalCode(code.get(), globals.get(), globals.get()));
+    f->binder = subscript(globals.get(), text("binder").get()).release();
   }
   return f->binder;
 }
@@ -169,6 +185,42 @@ PyObject* get_annotations(PyObject* self, void*) {
 
 PyObject* get_globals(PyObject* self, void*) {
   return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->globals).release();
+}
+PyObject* get_builtins(PyObject* self, void*) {
+  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->builtins).release();
+}
+
+PyObject* get_code(PyObject* self, void*) {
+  auto* f = reinterpret_cast<FunctionObject*>(self);
+  return guarded([&] { return getattr(binder_of(f), text("__code__").get()).release(); },
+                 static_cast<PyObject*>(nullptr));
+}
+
+// None for a function that holds nothing. Else a cell per free variable, made once and kept, as a
+// def's are; the cells then hold the values, so that a write to one is what the next call reads.
+PyObject* get_closure(PyObject* self, void*) {
+  auto* f = reinterpret_cast<FunctionObject*>(self);
+  if (!f->def->nfree) return Ref::borrow(Py_None).release();
+  return guarded(
+      [&] {
+        if (!f->closure) {
+          Ref cells = own(PyTuple_New(f->def->nfree));
+          for (int i = 0; i < f->def->nfree; ++i) {
+            PyTuple_SET_ITEM(cells.get(), i, own(PyCell_New(f->bound[i])).release());
+          }
+          f->closure = cells.release();
+          Py_CLEAR(f->bound[0]);
+          Py_CLEAR(f->bound[1]);
+        }
+        return Ref::borrow(f->closure).release();
+      },
+      static_cast<PyObject*>(nullptr));
+}
+
+// What isinstance and inspect take it for: a function (`inspect.getclosurevars` accepts nothing
+// else), while its type stays this one.
+PyObject* get_class(PyObject*, void*) {
+  return Ref::borrow(reinterpret_cast<PyObject*>(&PyFunction_Type)).release();
 }
 
 // `inspect.signature` of the binder, kept.
@@ -222,6 +274,10 @@ PyGetSetDef function_getset[] = {
     {"__doc__", get_doc, nullptr, nullptr, nullptr},
     {"__annotations__", get_annotations, nullptr, nullptr, nullptr},
     {"__globals__", get_globals, nullptr, nullptr, nullptr},
+    {"__builtins__", get_builtins, nullptr, nullptr, nullptr},
+    {"__code__", get_code, nullptr, nullptr, nullptr},
+    {"__closure__", get_closure, nullptr, nullptr, nullptr},
+    {"__class__", get_class, nullptr, nullptr, nullptr},
     {"__signature__", get_signature, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {"__defaults__", get_no_defaults, set_no_defaults, nullptr, nullptr},
@@ -262,8 +318,26 @@ PyType_Spec function_type_spec = {
 
 namespace {
 
+// The built-ins a def takes when it is made: its globals' `__builtins__` (a module stands for its
+// dict), else those of the code that makes it.
+Ref builtins_for(const State& state, PyObject* globals, PyObject* running) {
+  PyObject* found = nullptr;
+  if (check(compat::dict_get_ref(globals, state.name(Id::builtins), &found))) {
+    Ref builtins = Ref::steal(found);
+    if (PyModule_Check(builtins.get())) return Ref::borrow(PyModule_GetDict(builtins.get()));
+    return builtins;
+  }
+  if (!running) {
+    PyErr_SetString(PyExc_SystemError, "no built-ins to give a function");
+    raise();
+  }
+  return Ref::borrow(running);
+}
+
 Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
-                 std::initializer_list<PyObject*> bound) {
+                 std::initializer_list<PyObject*> bound, PyObject* running_builtins) {
+  PyObject* globals = PyModule_GetDict(module);
+  Ref builtins = builtins_for(state, globals, running_builtins);
   Ref name = Ref::borrow(state.function_name(def.name));
   Ref qualname = Ref::borrow(state.function_name(def.qualname ? def.qualname : def.name));
   Ref module_name = own(PyModule_GetNameObject(module));
@@ -275,9 +349,11 @@ Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
   f->vectorcall = function_vectorcall;
   f->def = &def;
   f->module = Ref::borrow(module).release();
-  f->globals = Ref::borrow(PyModule_GetDict(module)).release();
+  f->globals = Ref::borrow(globals).release();
   f->state = Ref::borrow(state.object).release();
+  f->builtins = builtins.release();
   f->bound[0] = f->bound[1] = nullptr;
+  f->closure = nullptr;
   PyObject** slot = f->bound;
   for (PyObject* value : bound) *slot++ = Ref::borrow(value).release();
   f->name = name.release();
@@ -301,11 +377,15 @@ const FunctionObject* native(PyObject* obj) {
 }  // namespace
 
 Ref make_function(const State& state, PyObject* module, const FunctionDef& def) {
-  return new_function(state, module, def, {});
+  return new_function(state, module, def, {}, PyEval_GetBuiltins());
 }
 
 Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<PyObject*> held) {
-  return new_function(*env.state, env.module, def, held);
+  if (static_cast<int>(held.size()) != def.nfree) {
+    PyErr_SetString(PyExc_SystemError, "a closure made with other values than it names");
+    raise();
+  }
+  return new_function(*env.state, env.module, def, held, env.builtins);
 }
 
 bool Global::is(const FunctionDef& def) const {
@@ -313,19 +393,45 @@ bool Global::is(const FunctionDef& def) const {
   return f && f->def == &def;
 }
 
+namespace {
+
+// The interpreter names the missing variable on the error (`name`), which tracebacks use.
+[[noreturn]] void raise_name_error(const State& state, const char* format, PyObject* key) {
+  Ref message = own(PyUnicode_FromFormat(format, key));
+  Ref error = own(PyObject_CallOneArg(PyExc_NameError, message.get()));
+  check(PyObject_SetAttr(error.get(), state.name(Id::name), key));
+  PyErr_SetObject(PyExc_NameError, error.get());
+  raise();
+}
+
+// A def's read of a built-in: a plain dict directly, anything else through its own `[]`.
+bool builtin(PyObject* builtins, PyObject* key, PyObject** found) {
+  if (PyDict_CheckExact(builtins)) return check(compat::dict_get_ref(builtins, key, found)) != 0;
+  *found = PyObject_GetItem(builtins, key);
+  if (*found) return true;
+  if (!PyErr_ExceptionMatches(PyExc_KeyError)) raise();
+  PyErr_Clear();
+  return false;
+}
+
+}  // namespace
+
+Ref captured(const Env& env, PyObject* const* held, int i) {
+  const auto* f = reinterpret_cast<const FunctionObject*>(env.function);
+  if (!f || !f->closure) return Ref::borrow(held[i]);
+  Ref value = Ref::steal(PyCell_Get(PyTuple_GET_ITEM(f->closure, i)));
+  if (!value) {
+    raise_name_error(*env.state, compat::kEmptyFreeVariable, text(f->def->freevars[i]).get());
+  }
+  return value;
+}
+
 Global lookup(const Env& env, Id id) {
   PyObject* key = env.name(id);
   PyObject* found = nullptr;
   if (check(compat::dict_get_ref(env.globals, key, &found))) return Global(Ref::steal(found));
-  if (PyObject* builtins = PyEval_GetBuiltins()) {
-    if (check(compat::dict_get_ref(builtins, key, &found))) return Global(Ref::steal(found));
-  }
-  // The interpreter names the missing global on the error (`name`), which tracebacks use.
-  Ref message = own(PyUnicode_FromFormat("name '%U' is not defined", key));
-  Ref error = own(PyObject_CallOneArg(PyExc_NameError, message.get()));
-  check(PyObject_SetAttr(error.get(), env.name(Id::name), key));
-  PyErr_SetObject(PyExc_NameError, error.get());
-  raise();
+  if (builtin(env.builtins, key, &found)) return Global(Ref::steal(found));
+  raise_name_error(*env.state, "name '%U' is not defined", key);
 }
 
 Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args) {

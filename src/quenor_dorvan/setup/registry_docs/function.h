@@ -6,7 +6,8 @@
 namespace registry_docs {
 
 // A body gets exactly as many arguments as its definition names (and a closure's values after
-// them) and returns a new reference; it throws PythonError with the exception set.
+// them, read through `captured`) and returns a new reference; it throws PythonError with the
+// exception set.
 using Body = Ref (*)(const Env& env, PyObject* const* args);
 
 // A parameter: its name and its annotation text (null: none).
@@ -18,18 +19,22 @@ struct Param {
 struct FunctionDef {
   constexpr FunctionDef(const char* name_, const char* doc_, Body body_,
                         std::initializer_list<Param> params_, const char* returns_,
-                        const char* qualname_ = nullptr)
+                        const char* qualname_ = nullptr,
+                        std::initializer_list<const char*> freevars_ = {})
       : name(name_),
         doc(doc_),
         nparams(static_cast<int>(params_.size())),
         returns(returns_),
         body(body_),
-        qualname(qualname_) {
+        qualname(qualname_),
+        nfree(static_cast<int>(freevars_.size())) {
     int i = 0;
     for (const Param& param : params_) {
       params[i] = param.name;
       annotations[i++] = param.annotation;
     }
+    i = 0;
+    for (const char* freevar : freevars_) freevars[i++] = freevar;
   }
   const char* name;
   const char* doc;  // null: None, as for a def without a docstring
@@ -39,6 +44,10 @@ struct FunctionDef {
   const char* returns;  // null: no return annotation
   Body body;
   const char* qualname;  // null: the name
+  // A nested function's free variables, in the order of its code's `co_freevars` (by name, as the
+  // compiler orders them): the values it holds, in that order.
+  int nfree;
+  const char* freevars[2] = {};
 };
 
 // How the function type is made (once per module, into its state).
@@ -47,9 +56,15 @@ extern PyType_Spec function_type_spec;
 // Creates one function object of the module.
 Ref make_function(const State& state, PyObject* module, const FunctionDef& def);
 
-// A function nested in the running one: a new function object of the same module that holds up to
-// two values, as a closure holds the variables it uses. Its body gets them after its arguments.
+// A function nested in the running one: a new function object of the same module that holds the
+// values of its definition's free variables, as a closure does. Its body gets them after its
+// arguments.
 Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<PyObject*> held);
+
+// Free variable `i` of the running body, read where a def's body reads it: once a caller has the
+// function's cells (`__closure__`), from its cell, so that a write to one is seen and an emptied
+// one raises as a def's read does; until then, and on the native path, the value held.
+Ref captured(const Env& env, PyObject* const* held, int i);
 
 // Calls any callable with positional arguments; the module's own functions run their body directly.
 Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args);

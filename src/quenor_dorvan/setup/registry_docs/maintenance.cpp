@@ -59,8 +59,9 @@ Ref repeated_names(PyObject* found) {
 // `generated.encode(renderers[match["name"]]())`, read in that order; the closure of `render`
 // holds `generated` and `renderers`.
 Ref fill_block(const Env& env, const BlockMatch& match, PyObject* const* held) {
-  Ref encode = env.attr(held[0], Id::encode);
-  Ref renderer = subscript(held[1], match.name().get());
+  Ref encode = env.attr(captured(env, held, 0).get(), Id::encode);
+  Ref renderers = captured(env, held, 1);
+  Ref renderer = subscript(renderers.get(), match.name().get());
   Ref rendered = call_found(renderer.get(), {});
   return call_found(encode.get(), {rendered.get()});
 }
@@ -70,7 +71,7 @@ Ref file_render_body(const Env& env, PyObject* const* args) {
 }
 
 const FunctionDef kFileRender("render", nullptr, file_render_body, {{"match", nullptr}}, nullptr,
-                              "render_file.<locals>.render");
+                              "render_file.<locals>.render", {"generated", "renderers"});
 
 // pairs = [(name, renderer) for name, renderer in generated.blocks]; the names are checked
 // against block_names(text); then `_MARKER.sub(render, text)` fills each block.

@@ -248,19 +248,21 @@ struct Lazy {
   PyObject ob_base;
   PyObject* module;
   PyObject* state;
-  PyObject* source;  // the rows: the iterator of tools; a row: its tool; null once finished
+  PyObject* builtins;  // those of the renderer that made it, as a generator keeps its function's
+  PyObject* source;    // the rows: the iterator of tools; a row: its tool; null once finished
   RowOf row;
   Py_ssize_t number;  // the rows: tools taken so far; a row: its number
   int cell;           // a row: the next cell
   bool running;
 };
 
-Ref make_lazy(PyObject* type, PyObject* module, PyObject* state, Ref source, RowOf row,
-              Py_ssize_t number) {
+Ref make_lazy(PyObject* type, PyObject* module, PyObject* state, PyObject* builtins, Ref source,
+              RowOf row, Py_ssize_t number) {
   auto* lazy = PyObject_GC_New(Lazy, reinterpret_cast<PyTypeObject*>(type));
   if (!lazy) raise();
   lazy->module = Ref::borrow(module).release();
   lazy->state = Ref::borrow(state).release();
+  lazy->builtins = Ref::borrow(builtins).release();
   lazy->source = source.release();
   lazy->row = row;
   lazy->number = number;
@@ -282,7 +284,7 @@ PyObject* lazy_step(PyObject* self, Step step) {
   }
   Ref keep = Ref::borrow(self);  // the step may run code that drops the last other reference
   Ref source = Ref::borrow(lazy->source);
-  Env env{&state_of(lazy->state), lazy->module, PyModule_GetDict(lazy->module)};
+  Env env{&state_of(lazy->state), lazy->module, PyModule_GetDict(lazy->module), lazy->builtins};
   lazy->running = true;
   PyObject* result = guarded([&] { return step(*lazy, env, source.get()).release(); },
                              static_cast<PyObject*>(nullptr));
@@ -295,8 +297,8 @@ PyObject* rows_next(PyObject* self) {
   return lazy_step(self, [](Lazy& rows, const Env& env, PyObject* tools) {
     Ref tool = next(tools);
     if (!tool) return Ref();
-    return make_lazy(env.state->row_type.get(), rows.module, rows.state, std::move(tool), rows.row,
-                     ++rows.number);
+    return make_lazy(env.state->row_type.get(), rows.module, rows.state, rows.builtins,
+                     std::move(tool), rows.row, ++rows.number);
   });
 }
 
@@ -311,6 +313,7 @@ int lazy_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(Py_TYPE(self));
   Py_VISIT(lazy->module);
   Py_VISIT(lazy->state);
+  Py_VISIT(lazy->builtins);
   Py_VISIT(lazy->source);
   return 0;
 }
@@ -320,6 +323,7 @@ int lazy_clear(PyObject* self) {
   if (lazy->running) return 0;  // its step is in use further up the stack
   Py_CLEAR(lazy->module);
   Py_CLEAR(lazy->state);
+  Py_CLEAR(lazy->builtins);
   Py_CLEAR(lazy->source);
   return 0;
 }
@@ -382,8 +386,8 @@ PyType_Spec row_type_spec = {"registry_docs.table_row", sizeof(Lazy), 0, kLazyFl
                              lazy_slots<row_next>};
 
 Ref lazy_rows(const Env& env, Ref tools, RowOf row) {
-  return make_lazy(env.state->rows_type.get(), env.module, env.state->object, std::move(tools), row,
-                   0);
+  return make_lazy(env.state->rows_type.get(), env.module, env.state->object, env.builtins,
+                   std::move(tools), row, 0);
 }
 
 Ref strip_text(const Env& env, PyObject* text) {

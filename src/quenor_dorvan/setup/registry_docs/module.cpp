@@ -146,6 +146,10 @@ void run_module_body(PyObject* module) {
   state.row_type = type_from(module, row_type_spec);
   state.shown = make_shown_texts();
   bookkeeping(globals);
+  // The file its functions' code names, as a def's names the file it was compiled from; without
+  // one, the name code run from a string gets.
+  PyObject* file = PyDict_GetItemString(globals, "__file__");
+  state.file = file && PyUnicode_Check(file) ? Ref::borrow(file) : text("<string>");
   run_statements(globals, std::string(kImports) + kHostImports + kGlobals + kMarkerStatement);
   state.marker = Ref::borrow(PyDict_GetItemString(globals, "_MARKER"));
   bind_functions(state, module, kFunctionsBeforeRecord, std::size(kFunctionsBeforeRecord));

@@ -25,6 +25,7 @@ int state_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(state.rows_type.get());
   Py_VISIT(state.row_type.get());
   Py_VISIT(state.shown.get());
+  Py_VISIT(state.file.get());
   return 0;
 }
 
@@ -35,6 +36,7 @@ int state_clear(PyObject* self) {
   state.rows_type = Ref();
   state.row_type = Ref();
   state.shown = Ref();
+  state.file = Ref();
   return 0;
 }
 

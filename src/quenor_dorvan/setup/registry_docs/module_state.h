@@ -24,6 +24,7 @@ namespace registry_docs {
   X(snake_to_kebab, "snake_to_kebab")                         \
   X(ENDPOINT_FRAMEWORKS, "ENDPOINT_FRAMEWORKS")               \
   X(GeneratedFile, "GeneratedFile")                           \
+  X(builtins, "__builtins__")                                 \
   X(ordered_tools, "ordered_tools")                           \
   X(tier_tools, "_tier_tools")                                \
   X(code, "_code")                                            \
@@ -123,6 +124,7 @@ struct State {
   Ref rows_type;               // the lazy rows a replaced `_table` reads
   Ref row_type;                // one lazy row
   Ref shown;                   // the texts and headers the block renderers show
+  Ref file;                    // the module's file as its body ran: its functions' code names it
   PyObject* object = nullptr;  // the object this state lives in, for what must keep it alive
 
   PyObject* name(Id id) const { return names[static_cast<int>(id)].get(); }
@@ -139,11 +141,13 @@ Ref make_state(PyObject* module);
 // The state held by a state object.
 State& state_of(PyObject* state_object);
 
-// What a running body needs: the module state and the namespace its names are looked up in.
+// What a running body needs: the module state and the namespaces its names are looked up in.
 struct Env {
   const State* state;
-  PyObject* module;   // borrowed: the running function object holds it
-  PyObject* globals;  // the module's dict, borrowed likewise
+  PyObject* module;                    // borrowed: the running function object holds it
+  PyObject* globals;                   // the module's dict, borrowed likewise
+  PyObject* builtins;                  // the running function's own built-ins, borrowed likewise
+  const PyObject* function = nullptr;  // the running function: a nested body reads its closure
 
   PyObject* name(Id id) const { return state->name(id); }
   PyObject* marker() const { return state->marker.get(); }
