@@ -4,11 +4,12 @@ model's defs do, with the annotations its type stub states."""
 import ast
 import builtins
 import copy
+import dataclasses
 import gc
+import importlib.util
 import inspect
 import os
 import pickle
-import re
 import shutil
 import subprocess
 import sys
@@ -79,11 +80,18 @@ def described(function):
 class ModuleTest(unittest.TestCase):
     maxDiff = None
 
-    def test_namespace(self):  # the values the model reads from the module, so cannot check
-        self.assertEqual((docs._TIERS, docs._NONE), (typing.get_args(registry.ToolTier), "--"))
-        self.assertEqual(docs._MARKER, re.compile(r"(?P<open><!-- registry:(?P<name>[\w:-]+) -->\n)(?P<body>.*?)"
-                                                  r"(?P<close><!-- /registry:(?P=name) -->)", re.DOTALL))
-        self.assertEqual((docs.__annotations__, docs.__cached__), ({"_TIERS": "tuple[ToolTier, ...]"}, None))
+    def test_namespace_and_record_are_the_models(self):
+        spec = importlib.util.spec_from_file_location(docs.__name__, MODEL_FILE)  # the model as a module
+        spec.loader.exec_module(model := importlib.util.module_from_spec(spec))
+        self.assertEqual(list(vars(docs)), list(vars(model)))  # the body's order, as documented
+        for name in ("__all__", "_TIERS", "_NONE", "__annotations__"):
+            self.assertEqual(getattr(docs, name), getattr(model, name), name)
+        self.assertEqual(*[(side._MARKER.pattern, side._MARKER.flags) for side in (docs, model)])
+        self.assertIsNone(docs.__cached__)  # the model's file has a cache; a native module none
+        records = [side.GeneratedFile("p", (("a", str),)) for side in (docs, model)]
+        self.assertEqual(*[(repr(r), hash(r), r == dataclasses.replace(r), r.__match_args__, type(r).__qualname__,
+                            type(r).__module__, type(r).__annotations__, dataclasses.fields(r)[2].default,
+                            outcome(lambda: setattr(r, "path", "q"))) for r in records])
 
     def test_functions_are_the_stubs_and_behave_as_defs(self):
         functions, records, exported = stub()
@@ -120,25 +128,30 @@ class ModuleTest(unittest.TestCase):
         gc.collect()
         self.assertIsNone(collected())
 
-    def test_import_fails_as_python_does(self):
-        def imported(change):  # the error, and whether the module is left in sys.modules
+    def test_import_fails_as_the_model(self):
+        script = f"""import importlib.util, sys
+def load(path=None):
+    try:
+        if path:
+            spec = importlib.util.spec_from_file_location("model", path)
+            spec.loader.exec_module(importlib.util.module_from_spec(spec))
+        else:
+            import quenor_dorvan.setup.registry_docs
+    except ImportError as e:
+        return type(e).__name__, str(e), e.name, e.path
+print(load(), load({str(MODEL_FILE)!r}), 'quenor_dorvan.setup.registry_docs' in sys.modules, sep="\\n")"""
+        routes = "quenor_dorvan/tool_routes.py"  # both names gone: the first imported is named
+        for change in [lambda host: (host / routes).write_text((host / routes).read_text().replace(
+                "def skill_table(", "def _gone(").replace("def rules_table(", "def _lost(")),
+                       lambda host: (host / "quenor_dorvan/workers/api_endpoints.py").unlink()]:
             with tempfile.TemporaryDirectory() as directory:
                 shutil.copytree(Path(docs.__file__).parents[2], directory, dirs_exist_ok=True)
-                change(Path(directory, "quenor_dorvan"))
-                script = ("import sys\ntry:\n    import quenor_dorvan.setup.registry_docs\nexcept ImportError as e:\n"
-                          "    print(repr((type(e).__name__, str(e), e.name, e.path)))\n"
-                          "print('quenor_dorvan.setup.registry_docs' in sys.modules)")
-                return subprocess.run([sys.executable, "-c", script], env=dict(os.environ, PYTHONPATH=directory),
-                                      capture_output=True, text=True, check=True).stdout.replace(directory, "HOST")
+                change(Path(directory))
+                module, model, kept = subprocess.run([sys.executable, "-c", script], env=dict(
+                    os.environ, PYTHONPATH=directory), capture_output=True, text=True, check=True).stdout.split("\n")[:3]
+            self.assertEqual((module, kept), (model, "False"))
+            self.assertIn("Error", module)
 
-        routes = "HOST/quenor_dorvan/tool_routes.py"
-        self.assertEqual(imported(lambda package: (package / "tool_routes.py").write_text(
-            (package / "tool_routes.py").read_text().replace("def skill_table(", "def _gone("))), repr((
-                "ImportError", f"cannot import name 'skill_table' from 'quenor_dorvan.tool_routes' ({routes})",
-                "quenor_dorvan.tool_routes", routes)) + "\nFalse\n")
-        module = "quenor_dorvan.workers.api_endpoints"
-        self.assertEqual(imported(lambda package: (package / "workers/api_endpoints.py").unlink()),
-                         repr(("ModuleNotFoundError", f"No module named '{module}'", module, None)) + "\nFalse\n")
 
 if __name__ == "__main__":
     unittest.main()
