@@ -373,7 +373,6 @@ UNEQUAL = [float("nan"), Never("core"), AnyTier("core"), type("Opaque", (), {"__
 NO_SUB = object()  # one object on both sides, as an error's `obj` names it
 Spelled = type("Spelled", (), {"__format__": lambda self, spec: f"formatted{spec}", "__str__": lambda self: "plain"})
 Unformattable = type("Unformattable", (), {"__format__": lambda self, spec: 1 / 0})
-Appended = type("Appended", (), {"__radd__": lambda self, other: f"{other}<appended>"})  # `str + Appended()`
 
 
 def odd_cases():
@@ -427,14 +426,10 @@ def odd_cases():
         (names(_TIERS=("core", "extended", "beta")), ["_tier_tools", "_tier_counts"]),
         (lambda side: side.ns.update(TOOLS=iter(side.tools)), ["ordered_tools", "readme_tools_block"]),
         (names(ToolTier=typing.Literal["extended", "core"]), ["ordered_tools"]),  # the tiers are fixed at import
-        (names(snake_to_kebab=lambda name: Spelled()), ["cli_usage", "mcp_params_block"]),
         (lambda side: side.ns.update(_code=side.ns["_value"], _value=side.ns["_cell"],
                                      _tier_tools=side.ns["_code"]),  # each side's own functions, swapped
          ["readme_tools_block", "mcp_overview_block", "mcp_params_block", "_tier_counts"]),
-        (names(skill_table=lambda facts: None), ["skill_routes_block"]),
         (names(ENDPOINT_FRAMEWORKS={"a": None}), ["skill_routes_block"]),
-        (names(rules_table=lambda: 5), ["rules_block"]),
-        (names(rules_table=Appended, without_markers=str), ["rules_block"]),
         (names(QUENOR_INSTRUCTION_CONTENT=None), ["rules_block"]),
         (lambda side: (side.ns.update(_MARKER=NO_SUB),  # `sub` is read before the content
                        side.ns.pop("QUENOR_INSTRUCTION_CONTENT")), ["rules_block"]),
