@@ -13,7 +13,6 @@ import tempfile
 import types
 import unittest
 from pathlib import Path
-from typing import Callable, Optional
 
 import quenor_dorvan.setup.registry_docs as docs
 
@@ -32,15 +31,10 @@ MODEL = python_model()
 SIDES = {"module": docs.__dict__, "model": MODEL}
 
 
-@dataclasses.dataclass
-class Case:
-    label: str  # up to its first colon, the kind by which mismatches are counted
-    world: Callable  # side -> the names to bind, made fresh for each side
-    call: Callable  # side -> result
-    site: Optional[str] = None  # the action runs the nth time the call reaches the site
-    nth: int = 1
-    action: Optional[Callable] = None
-    after: Optional[Callable] = None  # side -> what to compare once the call ended
+# A case: a label (up to its first colon, the kind by which mismatches are counted); its world (side ->
+# the names to bind, made for each side); its call (side -> result); the action to run the nth time
+# the call reaches a site; and what to compare once the call ended (side -> value).
+Case = collections.namedtuple("Case", "label world call site nth action after", defaults=(None, 1, None, None))
 
 
 class Side:
@@ -240,13 +234,13 @@ def run_case(case, ns, form="literal"):
     `after` saw, and what it reached."""
     saved, side = dict(ns), Side(ns, case)
     try:
-        names = case.world(side)
+        names, side.call = case.world(side), case.call
         ns.update(names)
-        if names is not MEMOS.get("names"):  # a world made once serves many cases: it is made anew once
-            MEMOS.clear()
-            MEMOS["names"] = names
-        side.call, memo = case.call, MEMOS.setdefault(form, {})
         if form != "literal":
+            if names is not MEMOS.get("names"):  # a world made once serves many cases: it is made anew once
+                MEMOS.clear()
+                MEMOS["names"] = names
+            memo = MEMOS.setdefault(form, {})
             ns.update({key: fresh(value, form, memo) for key, value in ns.items()
                        if key in names or saved.get(key, ns) is not value})
             for key in vars(side).keys() - {"ns", "case", "events", "raised", "count"}:

@@ -27,9 +27,7 @@ def settle():  # up to 3.11 the type attribute cache holds names it looked up ("
 
 def watched(ns):
     """The module, and its globals and what they hold (host data and its fields), three levels deep."""
-    # Not the built-ins, which every function made anywhere holds (a row kept in a cycle too).
-    items, found = {}, [("the module", docs, 0), *((name, value, 3) for name, value in ns.items()
-                                                   if name != "__builtins__")]
+    items, found = {}, [("the module", docs, 0), *((name, value, 3) for name, value in ns.items())]
     for label, value, depth in found:
         if not isinstance(value, UNWATCHED) and id(value) not in items:
             items[id(value)] = (label, value)

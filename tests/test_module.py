@@ -1,7 +1,7 @@
 """The module as callers see it: its namespace, its import, and functions that behave as the
 model's defs do, with the annotations its type stub states."""
 
-import ast
+import __future__
 import builtins
 import copy
 import dataclasses
@@ -27,18 +27,10 @@ STUB = Path(docs.__file__).with_name("registry_docs.pyi")
 
 
 def stub():
-    """The stub's functions with their annotation texts, its records' fields and its `__all__`."""
-    functions, records, exported = {}, {}, None
-    for node in ast.parse(STUB.read_text("utf-8")).body:
-        if isinstance(node, ast.FunctionDef):
-            functions[node.name] = {**{arg.arg: ast.unparse(arg.annotation) for arg in node.args.args},
-                                    "return": ast.unparse(node.returns)}
-        elif isinstance(node, ast.ClassDef):
-            records[node.name] = {field.target.id: ast.unparse(field.annotation)
-                                  for field in node.body if isinstance(field, ast.AnnAssign)}
-        elif isinstance(node, ast.Assign) and node.targets[0].id == "__all__":
-            exported = ast.literal_eval(node.value)
-    return functions, records, exported
+    """The stub run as Python, its annotations kept as texts: its functions, its record and `__all__`."""
+    namespace = {}
+    exec(compile(STUB.read_text("utf-8"), str(STUB), "exec", __future__.annotations.compiler_flag), namespace)
+    return namespace
 
 
 def outcome(call):
@@ -94,12 +86,12 @@ class ModuleTest(unittest.TestCase):
                             outcome(lambda: setattr(r, "path", "q"))) for r in records])
 
     def test_functions_are_the_stubs_and_behave_as_defs(self):
-        functions, records, exported = stub()
+        stubbed = stub()
+        functions = {name: f.__annotations__ for name, f in stubbed.items() if getattr(f, "__globals__", 0) is stubbed}
         own = {name: value for name, value in vars(docs).items() if type(value) is type(docs._code)}
-        self.assertEqual(list(own), list(functions))
-        self.assertEqual({name: f.__annotations__ for name, f in own.items()}, functions)
-        self.assertEqual(records, {"GeneratedFile": docs.GeneratedFile.__annotations__})
-        self.assertEqual(exported, docs.__all__)
+        self.assertEqual([(name, f.__annotations__) for name, f in own.items()], list(functions.items()))
+        self.assertEqual((stubbed["GeneratedFile"].__annotations__, stubbed["__all__"]),
+                         (docs.GeneratedFile.__annotations__, docs.__all__))
         self.assertEqual(typing.get_type_hints(docs._tier_tools),
                          {"tier": registry.ToolTier, "return": list[registry.ToolSpec]})
         # The nested functions a caller can reach: a rebound `_MARKER` keeps what render_file and
