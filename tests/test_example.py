@@ -15,10 +15,8 @@ import harness
 from harness import docs
 
 CMARK_GFM = shutil.which("cmark-gfm")
-
-
 PATHS = [generated.path for generated in docs.generated_files()]
-NEEDS_GIT = unittest.skipUnless(shutil.which("git"), "git is not installed")
+HINT = "run `python3 scripts/gen_registry_docs.py {}--write`, then commit the files it prints\n"
 
 
 @contextlib.contextmanager
@@ -36,6 +34,16 @@ def run(root, *args, env=None):
     return done.returncode, done.stdout.decode(), done.stderr.decode()
 
 
+def change(file, edits, newline="\n"):
+    """Rewrites `file` with `edits` (old: new) and `newline`, a lone surrogate as its byte; None removes it."""
+    if edits is None:
+        return file.unlink()
+    text = file.read_text(encoding="utf-8")
+    for old, new in edits.items():
+        text = text.replace(old, new)
+    file.write_bytes(text.replace("\n", newline).encode("utf-8", "surrogateescape"))
+
+
 def files(root):
     return {path: (root / path).read_bytes() if (root / path).exists() else None for path in PATHS}
 
@@ -44,28 +52,21 @@ def lines(texts):
     return "".join(f"{text}\n" for text in texts)
 
 
-HINT = "run `python3 scripts/gen_registry_docs.py {}--write`, then commit the files it prints\n"
-
-
-class ScriptTest(unittest.TestCase):
-    @NEEDS_GIT
+class ExampleTest(unittest.TestCase):
+    @unittest.skipUnless(shutil.which("git"), "git is not installed")
     def test_check_diff_and_write(self):
         with host_repository() as root, harness.example_copy() as patched:
             for tree in (root, patched):
                 # Only "\n" ends a line of the diff: a form feed or U+2028 in the hand-written text
                 # stays inside its line; a file may end right after a block, without a line end.
-                readme, mcp = tree / "README.md", tree / "docs/mcp-tools.md"
-                readme.write_text(readme.read_text(encoding="utf-8").replace(
-                    "\n\n<!-- registry:readme-tools -->", "\f\u2028\n\n<!-- registry:readme-tools -->"), encoding="utf-8")
-                text = mcp.read_text(encoding="utf-8")
-                mcp.write_text(text[:text.index(" -->", text.rindex("<!-- /registry:")) + 4], encoding="utf-8")
+                change(tree / "README.md", {"\n\n<!-- registry:readme-tools": "\f\u2028\n\n<!-- registry:readme-tools"})
+                text = (tree / "docs/mcp-tools.md").read_text(encoding="utf-8")
+                change(tree / "docs/mcp-tools.md", {text[text.index(" -->", text.rindex("<!-- /registry:")) + 4:]: ""})
                 # A CRLF file: --write leaves it with "\n" line ends, and the diff says so.
-                template = tree / "docs/claude-instructions-template.md"
-                template.write_bytes(template.read_bytes().replace(b"\n", b"\r\n"))
+                change(tree / "docs/claude-instructions-template.md", {}, "\r\n")
             report = lines(docs.stale_blocks(root))
-            self.assertEqual((run(root, "--check")), (1, report, HINT.format("")))
-            self.assertEqual((run(root, "--check", "--root", str(root))), (1, report, HINT.format(f"--root {root} ")))
-
+            self.assertEqual([run(root, "--check"), run(root, "--check", "--root", str(root))],
+                             [(1, report, HINT.format("")), (1, report, HINT.format(f"--root {root} "))])
             status, out, err = run(root, "--check", "--diff")
             self.assertEqual((status, out[:len(report)], err), (1, report, HINT.format("")))
             patch = out[len(report):]
@@ -74,102 +75,83 @@ class ScriptTest(unittest.TestCase):
             # The diff is the change that --write makes, as git reads it.
             subprocess.run(["git", "apply", "--whitespace=nowarn", "-"], input=patch.encode(),
                            cwd=patched, check=True, capture_output=True)
+            self.assertEqual([run(root, "--write"), files(root), run(root, "--write"), run(root, "--check", "--diff")],
+                             [(0, lines(PATHS), ""), files(patched), (0, "", ""),
+                              (0, "", "all generated blocks are current\n")])
 
-            self.assertEqual((run(root, "--write")), (0, lines(PATHS), ""))
-            self.assertEqual(files(root), files(patched))
-            self.assertEqual((run(root, "--write")), (0, "", ""))
-            self.assertEqual((run(root, "--check", "--diff")), (0, "", "all generated blocks are current\n"))
-
-    def test_errors_are_one_line(self):
-        stray_from = '"properties": {param.name: _property(param) for param in tool.all_params},'
-        stray_to = ('"properties": {**{param.name: _property(param) for param in tool.all_params},'
-                    ' "stray": {"type": "string"}},')
-
-        def edit(path, old, new):
-            def change(root):
-                text = (root / path).read_text(encoding="utf-8")
-                self.assertIn(old, text)
-                (root / path).write_text(text.replace(old, new), encoding="utf-8")
-            return change
-
-        cases = [
-            (lambda root: (root / "docs/mcp-tools.md").unlink(), (), "docs/mcp-tools.md: No such file or directory"),
-            (lambda root: (root / "README.md").write_bytes(b"\xff" + (root / "README.md").read_bytes()),
-             (), "README.md: 'utf-8' codec can't decode byte 0xff in position 0: invalid start byte"),
-            (edit("src/quenor_dorvan/tool_schemas.py", stray_from, stray_to), (),
-             "search: the CLI schema and the registry name different parameters"),
-            (lambda root: Path(root / "src/quenor_dorvan/setup", Path(docs.__file__).name).unlink(),
-             (), "cannot load the generator: No module named 'quenor_dorvan.setup.registry_docs'"),
-            (lambda root: None, ("--root", "nowhere"), "nowhere: not a directory"),
-        ]
-        for change, args, line in cases:
-            for mode in ("--check", "--write"):
-                with self.subTest(line=line, mode=mode), host_repository() as root:
-                    change(root)
-                    before = files(root)
-                    self.assertEqual((run(root, mode, *args)), (2, "", f"gen_registry_docs: {line}\n"))
-                    self.assertEqual(files(root), before)
-
-    def test_marker_faults_name_their_lines(self):
+    def test_errors_are_one_line_and_marker_faults_name_their_lines(self):
         mcp, cli = "docs/mcp-tools.md", "registry:mcp-cli -->"
         typo = "not read as a marker: write <!-- registry:NAME --> or <!-- /registry:NAME --> exactly"
-        cases = [  # a file, its edits, and the lines after the module's: each "PATH:" and a fault
-            (mcp, {f"<!-- {cli}": "<!-- registry:mcp-clii -->"}, [
+        cases = [  # a file and its edits, the arguments, the error line (None: the module's), each "PATH:" fault after it
+            (mcp, None, (), "docs/mcp-tools.md: No such file or directory", []),
+            ("README.md", {"# quenor-dorvan": "\udcff# quenor-dorvan"}, (),
+             "README.md: 'utf-8' codec can't decode byte 0xff in position 0: invalid start byte", []),
+            ("src/quenor_dorvan/tool_schemas.py", {'"properties": {': '"properties": {"stray": {"type": "string"}} | {'},
+             (), "search: the CLI schema and the registry name different parameters", []),
+            ("src/quenor_dorvan/setup/" + Path(docs.__file__).name, None, (),
+             "cannot load the generator: No module named 'quenor_dorvan.setup.registry_docs'", []),
+            ("README.md", {}, ("--root", "nowhere"), "nowhere: not a directory", []),
+            (mcp, {f"<!-- {cli}": "<!-- registry:mcp-clii -->"}, (), None, [
                 '36: open marker "mcp-clii" has no close marker after it; did you mean "mcp-cli"?',
                 '36: block "mcp-cli" is missing', '44: close marker "mcp-cli" has no open marker before it']),
-            (mcp, {cli: "registry:mcp-clii -->"}, [
+            (mcp, {cli: "registry:mcp-clii -->"}, (), None, [
                 '36: block "mcp-clii" does not belong in this file; did you mean "mcp-cli"?',
                 '36: block "mcp-cli" is missing']),
             # No marker names the missing block, nor a name close to it: that fault has no line.
-            (mcp, {cli: "registry:mcp-intro -->"}, [
+            (mcp, {cli: "registry:mcp-intro -->"}, (), None, [
                 '7: block "mcp-intro" is repeated (lines 7, 36)', '36: block "mcp-intro" is repeated (lines 7, 36)',
                 ' block "mcp-cli" is missing']),
-            ("README.md", {"<!-- registry:readme-tools -->": "<!-- registry:readme-tools --> "}, [
+            ("README.md", {"<!-- registry:readme-tools -->": "<!-- registry:readme-tools --> "}, (), None, [
                 '35: not read as a marker: an open marker needs a line feed right after "-->"',
                 '35: block "readme-tools" is missing', '52: close marker "readme-tools" has no open marker before it']),
             # Several faults in one file, all listed in file order.
             (mcp, {f"<!-- {cli}": "<!-- registry: mcp-cli -->", "/registry:params:search": "/Registry:params:search",
-                   "/registry:params:find_refs -->": "/registry:params:find_refs --"}, [
+                   "/registry:params:find_refs -->": "/registry:params:find_refs --"}, (), None, [
                 f"36: {typo}", '36: block "mcp-cli" is missing', '44: close marker "mcp-cli" has no open marker before it',
                 '52: open marker "params:search" has no close marker after it', '52: block "params:search" is missing',
                 f"60: {typo}", '76: open marker "params:find_refs" has no close marker after it',
                 '76: block "params:find_refs" is missing', f"85: {typo}"]),
         ]
-        for path, edits, faults in cases:
+        for path, edits, args, error, faults in cases:
             for mode, newline in (("--check", "\n"), ("--write", "\r\n")):  # "\r\n" line ends count alike
-                with self.subTest(fault=faults[0], mode=mode), host_repository() as root:
-                    text = (root / path).read_text(encoding="utf-8")
-                    for old, new in edits.items():
-                        text = text.replace(old, new)
-                    (root / path).write_bytes(text.replace("\n", newline).encode())
-                    [error], before = [line for line in docs.stale_blocks(root) if " markers " in line], files(root)
-                    expected = lines([f"gen_registry_docs: {error}", *(f"{path}:{fault}" for fault in faults)])
-                    self.assertEqual((run(root, mode), files(root)), ((2, "", expected), before))
+                with self.subTest(error=error or faults[0], mode=mode), host_repository() as root:
+                    change(root / path, edits, newline)
+                    [first] = [error] if error else [line for line in docs.stale_blocks(root) if " markers " in line]
+                    expected, before = lines([f"gen_registry_docs: {first}", *(f"{path}:{f}" for f in faults)]), files(root)
+                    self.assertEqual((run(root, mode, *args), files(root)), ((2, "", expected), before))
 
-    @NEEDS_GIT
-    @unittest.skipUnless(shutil.which("pre-commit"), "pre-commit is not installed")
+    @unittest.skipUnless(shutil.which("git") and shutil.which("pre-commit"), "git or pre-commit is not installed")
     def test_pre_commit_hook(self):
         with host_repository() as root, tempfile.TemporaryDirectory() as home:
             # The hook's `python3` is this interpreter; git and pre-commit see none of the user's set-up.
             env = dict(os.environ, PYTHONPATH=str(root / "src"), PRE_COMMIT_HOME=home, GIT_CONFIG_GLOBAL=os.devnull,
-                       PATH=os.pathsep.join([str(Path(sys.executable).parent), os.environ["PATH"]]), GIT_CONFIG_NOSYSTEM="1",
-                       **{f"GIT_{who}_{what}": value for who in ("AUTHOR", "COMMITTER")
-                          for what, value in (("NAME", "Dev"), ("EMAIL", "dev@example.org"))})
-
-            def command(*args):
-                return subprocess.run(args, cwd=root, env=env, capture_output=True, encoding="utf-8")
-
-            for args in (["git", "init", "-q"], ["pre-commit", "install"], ["git", "add", "-A"]):
-                self.assertEqual(command(*args).returncode, 0, args)
+                       GIT_CONFIG_NOSYSTEM="1", PATH=os.pathsep.join([str(Path(sys.executable).parent), os.environ["PATH"]]))
             stale = run(root, "--check", "--diff", env=env)[1]
-            refused = command("git", "commit", "-m", "Registry and docs as they were")
-            self.assertEqual(refused.returncode, 1)
-            self.assertIn(stale, refused.stdout + refused.stderr)
+            # Refused while a block is stale, with the hook's report; taken once --write has run.
+            steps = [("git init -q", 0), ("git config user.name Dev", 0), ("git config user.email dev@example.org", 0),
+                     ("pre-commit install", 0), ("git add -A", 0), ("git commit -qm Stale", 1),
+                     ("python3 scripts/gen_registry_docs.py --write", 0), ("git add -A", 0), ("git commit -qm Current", 0)]
+            for step, status in steps:
+                done = subprocess.run(step.split(), cwd=root, env=env, capture_output=True, encoding="utf-8")
+                self.assertEqual(done.returncode, status, step + done.stdout + done.stderr)
+                if status:
+                    self.assertIn(stale, done.stdout + done.stderr)
 
-            self.assertEqual(run(root, "--write", env=env)[0], 0)
-            self.assertEqual(command("git", "add", "-A").returncode, 0)
-            accepted = command("git", "commit", "-m", "Generated blocks in step")
-            self.assertEqual(accepted.returncode, 0, accepted.stdout + accepted.stderr)
+    @unittest.skipUnless(CMARK_GFM, "cmark-gfm is not installed")
+    def test_tables_keep_their_columns_and_pipes(self):
+        with harness.example_copy() as root:
+            docs.write_blocks(root)
+            for path in ("README.md", "docs/mcp-tools.md"):
+                text = (root / path).read_text(encoding="utf-8")
+                rows = [line for line in text.split("\n") if line.startswith("|") and "| --- |" not in line]
+                cells = [row for table in rendered_tables(text) for row in table]
+                # A rendered row per row written; an escaped pipe is a pipe inside its cell, not a cell boundary.
+                self.assertEqual([sum(cell.count("|") for cell in row) for row in cells],
+                                 [row.count("\\|") for row in rows], path)
+                # GitHub pads or cuts a row to its header's cells: each row alone, over a delimiter
+                # row of as many cells as it is rendered with, must be taken as a header of its own.
+                alone = rendered_tables("".join(f"{row}\n|{' --- |' * len(cell)}\n\n" for row, cell in zip(rows, cells)))
+                self.assertEqual([len(table[0]) for table in alone], [len(cell) for cell in cells], path)
 
 
 def rendered_tables(markdown):
@@ -179,24 +161,6 @@ def rendered_tables(markdown):
     return [[re.findall(r"<t[hd][^>]*>(.*?)</t[hd]>", row) for row in re.findall(r"<tr>(.*?)</tr>", table, re.S)]
             for table in re.findall(r"<table>(.*?)</table>", done.stdout, re.S)]
 
-
-class RenderedTablesTest(unittest.TestCase):
-    @unittest.skipUnless(CMARK_GFM, "cmark-gfm is not installed")
-    def test_tables_keep_their_columns_and_pipes(self):
-        with harness.example_copy() as root:
-            docs.write_blocks(root)
-            for path in ("README.md", "docs/mcp-tools.md"):
-                text = (root / path).read_text(encoding="utf-8")
-                rows = [line for line in text.split("\n") if line.startswith("|") and "| --- |" not in line]
-                cells = [row for table in rendered_tables(text) for row in table]
-                self.assertEqual(len(cells), len(rows), path)
-                # An escaped pipe is a pipe inside its cell, not a cell boundary.
-                self.assertEqual([sum(cell.count("|") for cell in row) for row in cells],
-                                 [row.count("\\|") for row in rows], path)
-                # GitHub pads or cuts a row to its header's cells: each row alone, over a delimiter
-                # row of as many cells as it is rendered with, must be taken as a header of its own.
-                alone = rendered_tables("".join(f"{row}\n|{' --- |' * len(cell)}\n\n" for row, cell in zip(rows, cells)))
-                self.assertEqual([len(table[0]) for table in alone], [len(cell) for cell in cells], path)
 
 if __name__ == "__main__":
     unittest.main()
