@@ -4,58 +4,51 @@ rebinds TOOLS: the module only, as what is at stake is its state per interpreter
 import _testcapi
 import collections
 import dataclasses
-import json
 import sys
-import tempfile
 import threading
 import unittest
-from pathlib import Path
 from unittest import mock
 
 import quenor_dorvan.tool_registry as registry
 from harness import docs, example_copy
 
-# Each interpreter renders with rows kept by a replaced `_table`, reads them once the module's own
-# `_table` is back, and checks a copy of the example host. Let go of and collected, the module, its
-# state, functions and a kept row must then be freed (the model is plain defs, with none of these).
-USE = """import gc, json, sys, weakref
-from pathlib import Path
-sys.path[:0] = {path!r}
-import quenor_dorvan.setup.registry_docs as docs
+# All that the module's body imports, and what a use of it needs: all but the module.
+BARE = (f"import gc, sys, weakref\nsys.path[:0] = {sys.path!r}\nimport collections.abc, dataclasses, inspect, pathlib\n"
+        "import re, typing, quenor_dorvan.setup.config, quenor_dorvan.tool_registry, quenor_dorvan.tool_routes\n"
+        "import quenor_dorvan.tool_schemas, quenor_dorvan.workers.api_endpoints\n")
+# A use: render with rows kept by a replaced `_table`, read them once the module's own `_table` is
+# back, and check a copy of the example host, all as in the main interpreter. Let go of and
+# collected, the module, its state, functions and a kept row must then be freed.
+USE = """import quenor_dorvan.setup.registry_docs as docs
 for _ in range({rounds}):
     kept, own = [], docs._table
     docs._table = lambda header, rows: kept.append(rows) or []
     docs.skill_tools_block()
     docs._table = own
     row = next(kept[0])
-    result = {{"rows": [list(row), *map(list, kept[0])], "stale": docs.stale_blocks(Path({root!r}))}}
+    seen = [list(row), *map(list, kept[0])], docs.stale_blocks(pathlib.Path({root!r}))
 state = next(item for item in gc.get_referents(own, row) if type(item).__name__ == "state")
 weak = [weakref.ref(item) for item in (docs, own, type(own), type(state), type(row))]
 docs.kept = [*kept, row]  # held by the module itself: only the collector can free them
 del sys.modules[docs.__name__], sys.modules["quenor_dorvan.setup"].registry_docs, docs, kept, own, state, row
 gc.collect()
-result["alive"] = [repr(ref()) for ref in weak if ref()]
-Path({out!r}).write_text(json.dumps(result))
+alive = [repr(ref()) for ref in weak if ref()]
+if alive or seen != {expected!r}:
+    raise AssertionError(f"not freed: {{alive}}" if alive else f"rendered {{seen}}")
 """
-# All that the module's body imports, and the json the use needs: all but the module.
-BARE = f"import sys\nsys.path[:0] = {sys.path!r}\nimport collections.abc, dataclasses, inspect, json, pathlib, re\n" + (
-    "import typing, quenor_dorvan.setup.config, quenor_dorvan.tool_registry, quenor_dorvan.tool_routes\n"
-    "import quenor_dorvan.tool_schemas, quenor_dorvan.workers.api_endpoints\n")
 
-
-# (label, run(code) -> 0 when it ran) for each way to run code in a new subinterpreter here.
-RUNNERS = [("shared GIL", _testcapi.run_in_subinterp)]
-if sys.version_info >= (3, 12):  # isolated, with a GIL of its own
-    NEWER = sys.version_info >= (3, 13)
-    interpreters = __import__("_interpreters" if NEWER else "_xxsubinterpreters")
+# Each way to run code in a new subinterpreter here: 0 when it ran.
+RUNNERS = {"shared GIL": _testcapi.run_in_subinterp}
+if sys.version_info >= (3, 12):  # isolated, as created by default, with a GIL of its own
+    interpreters = __import__("_interpreters" if sys.version_info >= (3, 13) else "_xxsubinterpreters")
 
     def own_gil(code):
-        interpreter = interpreters.create(*(["isolated"] if NEWER else []))
+        interpreter = interpreters.create()
         try:
             return interpreters.run_string(interpreter, code) or 0
         finally:
             interpreters.destroy(interpreter)
-    RUNNERS.append(("own GIL", own_gil))
+    RUNNERS["own GIL"] = own_gil
 
 
 def copies(reworded):  # fresh copies of the example's tools; reworded ones change only texts the docs show
@@ -68,46 +61,39 @@ class ConcurrencyTest(unittest.TestCase):
         kept = []
         with mock.patch.dict(vars(docs), _table=lambda header, rows: kept.append(rows) or []):
             docs.skill_tools_block()
-        with example_copy() as root, tempfile.TemporaryDirectory() as scratch:
-            out = Path(scratch) / "result.json"
-            once, often = (USE.format(path=sys.path, root=str(root), out=str(out), rounds=rounds) for rounds in (1, 10))
-            expected = {"rows": [list(row) for row in kept[0]], "stale": docs.stale_blocks(root)}
-            for label, run in RUNNERS:
+        with example_copy() as root:
+            expected = [list(row) for row in kept[0]], docs.stale_blocks(root)
+            once, often = (BARE + USE.format(root=str(root), expected=expected, rounds=rounds) for rounds in (1, 10))
+            for label, run in RUNNERS.items():
                 self.assertEqual(run(once), 0, label)
-                result = json.loads(out.read_text())
-                self.assertEqual(result.pop("alive"), [], f"{label}: not freed")
-                self.assertEqual(result, expected, label)
-            # With one allocator for all interpreters, what a subinterpreter keeps shows here.
-            label, run = RUNNERS[0]
 
-            def growth(source, rounds=4):
-                run(source)  # warm-up: what the first run caches for the process
+            def growth(source, rounds=4):  # one allocator for all interpreters: what one keeps shows here
+                _testcapi.run_in_subinterp(source)  # warm-up: what the first run caches for the process
                 before = sys.getallocatedblocks()
-                self.assertEqual([run(source) for _ in range(rounds)], [0] * rounds, label)
+                self.assertEqual([_testcapi.run_in_subinterp(source) for _ in range(rounds)], [0] * rounds)
                 return (sys.getallocatedblocks() - before) / rounds
 
             baseline, used = growth(BARE), growth(once)
             if baseline < 1:  # from 3.12 CPython keeps the blocks of every module a subinterpreter imported
-                self.assertLess(used - baseline, 1, label)
-            self.assertLess(growth(often) - used, 1, label)
+                self.assertLess(used - baseline, 1)
+            self.assertLess(growth(often) - used, 1)
 
     def test_threads_render_while_tools_are_rebound(self):
         calls = {name: getattr(docs, name) for name in (
             "skill_tools_block", "readme_tools_block", "mcp_overview_block", "mcp_cli_block", "rules_block")}
         calls["mcp_params_block"] = lambda: docs.mcp_params_block(registry.TOOLS[0])
-        expected = collections.defaultdict(list)
-        for reworded in (False, True):
+
+        def renders(reworded):
             with mock.patch.dict(vars(docs), TOOLS=copies(reworded)):
-                for name, call in calls.items():
-                    expected[name].append(call())
-        seen, stop = collections.Counter(), threading.Event()
+                return {name: call() for name, call in calls.items()}
+        first, second, seen, stop = renders(False), renders(True), collections.Counter(), threading.Event()
 
         def work(offset):
             while not stop.is_set():
                 for name in list(calls)[offset:] + list(calls)[:offset]:
                     try:
                         result = calls[name]()
-                        seen["AB"[expected[name].index(result)] if result in expected[name] else "neither"] += 1
+                        seen["A" if result == first[name] else "B" if result == second[name] else "neither"] += 1
                     except Exception as error:  # allowed, when rare: counted, never hidden
                         seen[f"{type(error).__name__}: {error}"] += 1
 
@@ -115,19 +101,16 @@ class ConcurrencyTest(unittest.TestCase):
             while not stop.is_set():
                 docs.TOOLS = copies(docs.TOOLS[0].summary == registry.TOOLS[0].summary)
 
-        interval = sys.getswitchinterval()
+        self.addCleanup(sys.setswitchinterval, sys.getswitchinterval())
+        self.addCleanup(stop.set)  # should a thread fail to start, those started still end
         sys.setswitchinterval(1e-5)  # switch threads often: every few host calls
         threads = [threading.Thread(target=work, args=(i,)) for i in range(4)] + [
             threading.Thread(target=rebind), threading.Timer(2, stop.set)]  # all run for two seconds
-        try:
-            with mock.patch.dict(vars(docs), TOOLS=registry.TOOLS):
-                for thread in threads:
-                    thread.start()
-                for thread in threads:
-                    thread.join()
-        finally:
-            stop.set()
-            sys.setswitchinterval(interval)
+        with mock.patch.dict(vars(docs), TOOLS=registry.TOOLS):
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
         self.assertEqual(seen["neither"], 0, seen)
         self.assertGreater(min(seen["A"], seen["B"]), 20, seen)  # both registries were seen
         self.assertLess(sum(seen.values()) - seen["A"] - seen["B"], sum(seen.values()) // 10, seen)

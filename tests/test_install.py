@@ -1,7 +1,6 @@
 """The build: installing the module and its stub into a host, from this build and from a host's own
 build."""
 
-import filecmp
 import os
 import shutil
 import subprocess
@@ -16,52 +15,44 @@ from harness import EXAMPLE, docs
 SOURCE = Path(os.environ.get("REGISTRY_DOCS_SOURCE_DIR", Path(__file__).resolve().parents[1]))
 BUILD = Path(os.environ.get("REGISTRY_DOCS_BUILD_DIR", Path(docs.__file__).parents[3]))
 MODULE = Path(docs.__file__).name
-# A host project that builds the module as part of its own build, as a wheel builder drives it.
-HOST_PROJECT = ("cmake_minimum_required(VERSION 3.20)\nproject(host LANGUAGES CXX)\nfind_package(Python3 3.10 "
-                "REQUIRED COMPONENTS Interpreter Development.Module)\nadd_subdirectory(\"{source}\" registry_docs)\n")
-
-
-def cmake(*args):
-    # The sanitizer runtime that the suites may preload is for the interpreter, not for the tools.
-    done = subprocess.run([os.environ.get("REGISTRY_DOCS_CMAKE", "cmake"), *args], capture_output=True, text=True,
-                          env={name: value for name, value in os.environ.items() if name != "LD_PRELOAD"})
-    if done.returncode:
-        raise AssertionError(f"cmake {' '.join(args)} failed:\n{done.stdout}{done.stderr}")
 
 
 class InstallTest(unittest.TestCase):
-    def assert_installed(self, prefix, directory):
-        """Only the module and its stub are in `directory`; beside the host's package, it renders as this one."""
-        installed = sorted(path.relative_to(prefix) for path in prefix.rglob("*") if path.is_file())
-        self.assertEqual(installed, [directory / MODULE, directory / "registry_docs.pyi"])
-        self.assertTrue(filecmp.cmp(prefix / directory / "registry_docs.pyi", SOURCE / "stubs/registry_docs.pyi",
-                                    shallow=False))
+    def cmake(self, *args):  # the sanitizer runtime the suites may preload is for the interpreter, not for the tools
+        done = subprocess.run([os.environ.get("REGISTRY_DOCS_CMAKE", "cmake"), *map(str, args)], capture_output=True,
+                              text=True, env=dict(os.environ, LD_PRELOAD=""))
+        self.assertEqual(done.returncode, 0, f"{done.args} failed:\n{done.stdout}{done.stderr}")
 
-        package_root = prefix / directory.parent.parent
-        shutil.copytree(EXAMPLE / "src/quenor_dorvan", package_root / "quenor_dorvan",
-                        dirs_exist_ok=True, ignore=shutil.ignore_patterns("*.so", "*.pyi", "__pycache__"))
-        script = "import quenor_dorvan.setup.registry_docs as docs\nprint(docs.__file__)\nprint(docs.readme_tools_block())"
-        done = subprocess.run([sys.executable, "-c", script], env=dict(os.environ, PYTHONPATH=str(package_root)),
-                              capture_output=True, text=True, check=True)
-        self.assertEqual(done.stdout, f"{prefix / directory / MODULE}\n{docs.readme_tools_block()}\n")
+    def assert_installs(self, build, prefix, directory):
+        """Only the module and its stub land in `directory`; beside the host's package, it renders as this one."""
+        self.cmake("--install", build, "--prefix", prefix)
+        stub, root = (SOURCE / "stubs/registry_docs.pyi").read_bytes(), prefix / directory.parents[1]
+        files = {path.relative_to(prefix): path.read_bytes() == stub for path in prefix.rglob("*") if path.is_file()}
+        self.assertEqual(files, {directory / MODULE: False, directory / "registry_docs.pyi": True})  # the stub as it is
+        shutil.copytree(EXAMPLE / "src/quenor_dorvan", root / "quenor_dorvan", dirs_exist_ok=True,
+                        ignore=shutil.ignore_patterns("*.so", "*.pyi", "__pycache__"))
+        script = f"import {docs.__name__} as docs\nprint(docs.__file__)\nprint(docs.readme_tools_block())"
+        shown = subprocess.check_output([sys.executable, "-c", script], text=True,
+                                        env=dict(os.environ, PYTHONPATH=str(root)))
+        self.assertEqual(shown, f"{prefix / directory / MODULE}\n{docs.readme_tools_block()}\n")
 
     def test_install_this_build(self):
-        with tempfile.TemporaryDirectory() as prefix:
-            cmake("--install", str(BUILD), "--prefix", prefix)
-            site_packages = Path(sysconfig.get_path("platlib")).relative_to(sys.prefix)  # the interpreter's layout
-            self.assert_installed(Path(prefix), site_packages / "quenor_dorvan/setup")
+        with tempfile.TemporaryDirectory() as prefix:  # into the interpreter's layout
+            site_packages = Path(sysconfig.get_path("platlib")).relative_to(sys.prefix)
+            self.assert_installs(BUILD, Path(prefix), site_packages / "quenor_dorvan/setup")
 
     def test_host_build_into_a_wheel(self):
-        with tempfile.TemporaryDirectory() as directory:
-            host, wheel = Path(directory, "host"), Path(directory, "wheel/platlib")
-            host.mkdir()
-            (host / "CMakeLists.txt").write_text(HOST_PROJECT.format(source=SOURCE.as_posix()))
-            # What scikit-build-core passes; the install prefix is the wheel's platlib directory.
-            cmake("-S", str(host), "-B", str(host / "build"), f"-DPython3_EXECUTABLE={sys.executable}",
-                  "-DSKBUILD=2", f"-DCMAKE_INSTALL_PREFIX={wheel}")
-            cmake("--build", str(host / "build"), "-j2")
-            cmake("--install", str(host / "build"), "--prefix", str(wheel))
-            self.assert_installed(wheel, Path("quenor_dorvan/setup"))
+        with tempfile.TemporaryDirectory() as host:  # a host project that builds the module as part of its own build
+            build, wheel = Path(host, "build"), Path(host, "wheel/platlib")
+            Path(host, "CMakeLists.txt").write_text(
+                "cmake_minimum_required(VERSION 3.20)\nproject(host LANGUAGES CXX)\n"
+                "find_package(Python3 3.10 REQUIRED COMPONENTS Interpreter Development.Module)\n"
+                f"add_subdirectory(\"{SOURCE.as_posix()}\" registry_docs)\n")
+            # What scikit-build-core passes, as a wheel builder drives it; the prefix is the wheel's platlib directory.
+            self.cmake("-S", host, "-B", build, f"-DPython3_EXECUTABLE={sys.executable}", "-DSKBUILD=2",
+                       f"-DCMAKE_INSTALL_PREFIX={wheel}")
+            self.cmake("--build", build, "-j2")
+            self.assert_installs(build, wheel, Path("quenor_dorvan/setup"))
 
 
 if __name__ == "__main__":
