@@ -140,17 +140,18 @@ def kinds(value):
     return type(value).__qualname__, isinstance(value, str) and sys.getsizeof(value), [kinds(item) for item in inner]
 
 
+def tried(function):
+    try:
+        return function()
+    except Exception as failure:  # compared by how it failed: an error whose text fails, an attribute not set
+        return "raises", type(failure)
+
+
 def attributes(error):
     """The attributes an error's classes add to BaseException's (`name`, `obj`, `errno`, ...), and its own."""
     names = [key for kind in type(error).__mro__[:-2] for key, value in vars(kind).items() if not key.startswith(
         "__") and isinstance(value, (types.MemberDescriptorType, types.GetSetDescriptorType))]
-    seen = {}
-    for key in [*names, *getattr(error, "__dict__", {})]:
-        try:
-            seen[key] = shown(getattr(error, key))
-        except Exception as failure:  # an attribute that is not set raises when read
-            seen[key] = ("raises", type(failure))
-    return seen
+    return {key: tried(lambda: shown(getattr(error, key))) for key in [*names, *getattr(error, "__dict__", {})]}
 
 
 def error_seen(side, error, depth=4):
@@ -158,11 +159,7 @@ def error_seen(side, error, depth=4):
     the same of its cause and context, down the chain."""
     if error is None or not depth:
         return None
-    try:
-        text = str(error)
-    except Exception as failure:  # an error whose text fails is compared by that failure
-        text = f"str() raised {failure!r}"
-    return (type(error), text, shown(error.args), kinds(error.args), attributes(error), any(error is e for e in side.raised),
+    return (type(error), tried(lambda: str(error)), shown(error.args), kinds(error.args), attributes(error), any(error is e for e in side.raised),
             error.__traceback__ is not None, error.__suppress_context__,
             error_seen(side, error.__cause__, depth - 1), error_seen(side, error.__context__, depth - 1))
 

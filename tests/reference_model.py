@@ -59,9 +59,7 @@ def _value(value):
 
 def _actions_cell(tool, placeholder):
     names = tool.action_names
-    if not names:
-        return placeholder
-    return ", ".join(_code(name) for name in names)
+    return ", ".join(_code(name) for name in names) if names else placeholder
 
 
 def _tier_counts():
@@ -160,14 +158,8 @@ def _description_cell(param, prop):
         description += "."
     values = param.values_text(_code)
     low, high = prop.get("minimum"), prop.get("maximum")
-    if low is not None and high is not None:
-        bound = f"Range: {_value(low)}-{_value(high)}."
-    elif low is not None:
-        bound = f"At least {_value(low)}."
-    elif high is not None:
-        bound = f"At most {_value(high)}."
-    else:
-        bound = ""
+    bound = (f"Range: {_value(low)}-{_value(high)}." if low is not None and high is not None else
+             f"At least {_value(low)}." if low is not None else f"At most {_value(high)}." if high is not None else "")
     return _cell(" ".join(piece for piece in (description, values, bound) if piece))
 
 

@@ -10,7 +10,7 @@ import unittest
 
 import quenor_dorvan.tool_registry as registry
 from harness import (EXAMPLE, MODEL, Case, Comparison, Record, block, call, callback, docs, outcome,
-                     param, reached, recorded, run_case, tool)
+                     param, reached, recorded, run_case, tool, tried)
 
 BLOCKS = ("skill_tools_block", "readme_tools_block", "mcp_intro_block", "mcp_overview_block", "mcp_cli_block",
           "skill_routes_block", "rules_block")
@@ -330,14 +330,7 @@ def midway_cases():
         return change
 
     def table(go_on):  # a caller's `_table` that reads past a failing row, or stops at it
-        def read(row):
-            try:
-                return "/".join(row)
-            except RuntimeError as error:
-                if not go_on:
-                    raise
-                return f"failed: {error}"
-
+        read = (lambda row: tried(lambda: "/".join(row))) if go_on else "/".join
         return lambda side: side.ns.__setitem__("_table", lambda header, rows: [read(row) for row in rows])
 
     cases = [
