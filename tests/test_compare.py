@@ -244,11 +244,9 @@ def walk_more(side):
 
 
 def drop_fields(side):
-    for entry in side.tools:
-        for field in ("summary", "action_names"):
-            delattr(entry, field)
-        for p in entry.fields["all_params"]:
-            delattr(p, "default")
+    for record, field in [*((t, f) for t in side.tools for f in ("summary", "action_names")),
+                          *((p, "default") for t in side.tools for p in t.fields["all_params"])]:
+        delattr(record, field)
 
 
 # Among them, functions whose arguments run callbacks: a call looks its function up before it
@@ -298,8 +296,7 @@ class Midway(list):
 def changed(label, change, calls, extra=None):
     """A case per call on the stand-ins, changed first by `change(side)`."""
     def world(side):
-        names = stand_ins(side)
-        side.ns.update(names)
+        side.ns.update(stand_ins(side))
         change(side)
         return {}
 
@@ -371,9 +368,8 @@ Unformattable = type("Unformattable", (), {"__format__": lambda self, spec: 1 / 
 def odd_cases():
     # None and numbers where texts are expected, values that hold themselves or nest deeper than
     # the interpreter recurses, and values whose operations are their own.
-    looped, deep, nested = [], {}, []
+    looped, nested = [], []
     looped.append(looped)
-    deep["self"] = deep
     for _ in range(100000):
         nested = [nested]
 
@@ -491,13 +487,11 @@ Header = type("Header", (), {"__iter__": lambda self: reached("header") or iter(
 
 
 def table_cases():
-    rows = lambda: ([["a", "b"], ("c",), []])  # noqa: E731
-    for label, header in [("tuple", lambda: ("A", "B")), ("one-shot", lambda: iter(("A",))), ("site", Header)]:
-        for action_name, action in [("", None), ("rebinds _row", rebind("_row", lambda cells: "new"))]:
-            for nth in (1, 2):
-                yield Case(f"table: {label} {action_name} {nth}", lambda side: {},
-                           lambda side, header=header: side.ns["_table"](header(), iter(rows())),
-                           site="header", nth=nth, action=action)
+    for (label, header), (action_name, action), nth in itertools.product(
+            [("tuple", lambda: ("A", "B")), ("one-shot", lambda: iter(("A",))), ("site", Header)],
+            [("", None), ("rebinds _row", rebind("_row", lambda cells: "new"))], (1, 2)):
+        yield Case(f"table: {label} {action_name} {nth}", lambda side: {}, lambda side, header=header: side.ns[
+            "_table"](header(), iter([["a", "b"], ("c",), []])), site="header", nth=nth, action=action)
 
 
 class CompareTest(Comparison):

@@ -28,13 +28,11 @@ def record(path, *names, render=lambda name: f"new {name}"):
     return docs.GeneratedFile(path, tuple((name, lambda name=name: render(name)) for name in names))
 
 
-class Unprintable(ValueError):
-    def __str__(self):
-        raise RuntimeError("str")
-
-
 def fail(error):
     raise error
+
+
+Unprintable = type("Unprintable", (ValueError,), {"__str__": lambda self: fail(RuntimeError("str"))})
 
 
 CURRENT = "# R\n" + block("a", "new a\n") + "\n" + block("b", "new b\n") + "\n"

@@ -53,18 +53,10 @@ def as_generators(side):
 PATTERN = re.compile(docs._MARKER.pattern, docs._MARKER.flags)
 
 
-class Keeping:
-    """A `_MARKER` whose `sub` keeps the function it is given."""
-
-    def __init__(self):
-        self.kept = []
-
-    def finditer(self, text):
-        return PATTERN.finditer(text)
-
-    def sub(self, function, text):
-        self.kept.append(function)
-        return PATTERN.sub(function, text)
+# A `_MARKER` whose `sub` keeps the function it is given.
+Keeping = type("Keeping", (), {"__init__": lambda self: setattr(self, "kept", []),
+                               "finditer": lambda self, text: PATTERN.finditer(text),
+                               "sub": lambda self, function, text: self.kept.append(function) or PATTERN.sub(function, text)})
 
 
 def marker_keeping(side):

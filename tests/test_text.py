@@ -1,6 +1,7 @@
 """Texts, on the module and the model: cells against str.split on every code point, strs of the
 right width, and the scanner of block markers."""
 
+import itertools
 import time
 import unittest
 
@@ -15,11 +16,9 @@ def cell_cases():
         texts += [chunk, chunk + "\U0001f600"]
     # Plain text is passed over 16 characters at a time: a space, a pair of them or another special
     # character at each place, next to block edges and at either end, one byte wide or wider.
-    for size in (15, 16, 17, 31, 32, 33, 48):
-        plain = ("ab cd" * 10)[:size]
-        for place in range(size):
-            for special in (" ", "  ", "|", "\t", "\x1f", "\x85", "\xe9", "\x01"):
-                texts += [base[:place] + special + base[place + 1:] for base in (plain, plain + "\u0100")]
+    for size, special in itertools.product((15, 16, 17, 31, 32, 33, 48), (" ", "  ", "|", "\t", "\x1f", "\x85", "\xe9", "\x01")):
+        texts += [base[:place] + special + base[place + 1:] for place in range(size)
+                  for base in (("ab cd" * 10)[:size], ("ab cd" * 10)[:size] + "\u0100")]
     for number, text in enumerate(texts):
         yield Case(f"cell: {number}", lambda side: {}, call("_cell", text))
 
