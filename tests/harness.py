@@ -53,14 +53,12 @@ class Side:
             self.case.action(self)
 
     def fail(self, message="raised by a callback"):
-        error = RuntimeError(message)
-        self.raised.append(error)
-        raise error
+        self.raised.append(RuntimeError(message))
+        raise self.raised[-1]
 
 
 def reached(site, detail=None):
-    if Side.running:
-        Side.running.reached(site, detail)
+    return Side.running and Side.running.reached(site, detail)
 
 
 def callback(site, result):

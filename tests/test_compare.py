@@ -319,12 +319,8 @@ def midway_cases():
         return change
 
     def fail_second(name):  # the second call of the module's own function fails
-        def change(side):
-            own, calls = side.ns[name], []
-            side.ns[name] = lambda *args: (side.fail(f"{name} failed") if len(calls.append(0) or calls) == 2
-                                           else own(*args))
-
-        return change
+        return lambda side: side.ns.__setitem__(name, lambda *args, own=side.ns[name], calls=[]: (
+            side.fail(f"{name} failed") if len(calls.append(0) or calls) == 2 else own(*args)))
 
     def table(go_on):  # a caller's `_table` that reads past a failing row, or stops at it
         read = (lambda row: tried(lambda: "/".join(row))) if go_on else "/".join
@@ -361,6 +357,9 @@ Never = type("Never", (str,), {"__eq__": lambda self, other: False, "__ne__": la
 UNEQUAL = [float("nan"), Never("core"), AnyTier("core"), type("Opaque", (), {"__eq__": lambda self, other: False,
                                                                               "__hash__": lambda self: 1})()]
 NO_SUB = object()  # one object on both sides, as an error's `obj` names it
+# A `_MARKER` whose `sub` is read as a site: Python reads it once per call.
+Subbed = type("Subbed", (), {"sub": property(lambda self, own=docs._MARKER: reached("sub") or own.sub),
+                             "finditer": lambda self, text, own=docs._MARKER: own.finditer(text)})
 Spelled = type("Spelled", (), {"__format__": lambda self, spec: f"formatted{spec}", "__str__": lambda self: "plain"})
 Unformattable = type("Unformattable", (), {"__format__": lambda self, spec: 1 / 0})
 
@@ -420,6 +419,7 @@ def odd_cases():
          ["readme_tools_block", "mcp_overview_block", "mcp_params_block", "_tier_counts"]),
         (names(ENDPOINT_FRAMEWORKS={"a": None}), ["skill_routes_block"]),
         (names(QUENOR_INSTRUCTION_CONTENT=None), ["rules_block"]),
+        (names(_MARKER=Subbed()), ["rules_block", "render_file"]),
         (lambda side: (side.ns.update(_MARKER=NO_SUB),  # `sub` is read before the content
                        side.ns.pop("QUENOR_INSTRUCTION_CONTENT")), ["rules_block"]),
         (names(QUENOR_INSTRUCTION_CONTENT=b"<!-- registry:a -->\n<!-- /registry:a -->"), ["rules_block"]),

@@ -60,9 +60,8 @@ Keeping = type("Keeping", (), {"__init__": lambda self: setattr(self, "kept", []
 
 
 def marker_keeping(side):
-    names = stand_ins(side)
-    names["_MARKER"] = side.marker = Keeping()
-    return names
+    side.marker = Keeping()
+    return dict(stand_ins(side), _MARKER=side.marker)
 
 
 def replacement_later(name, text):

@@ -392,13 +392,13 @@ const FunctionDef kRulesRender("render", nullptr, rules_render_body, {{"match", 
 // `without_markers(_MARKER.sub(render, QUENOR_INSTRUCTION_CONTENT)).strip()`.
 Ref rules_block_body(const Env& env, PyObject* const*) {
   Global strip_markers = lookup(env, Id::without_markers);
-  // `_MARKER.sub` is evaluated before its arguments: a missing `_MARKER`, or a rebound one without
-  // `sub`, fails before the content is looked up.
+  // `_MARKER.sub` is read before its arguments are evaluated: a missing `_MARKER`, or a rebound one
+  // without `sub`, fails before the content is looked up.
   Global marker = lookup(env, Id::MARKER);
-  if (marker.get() != env.marker()) env.attr(marker.get(), Id::sub);
+  Ref sub = env.attr(marker.get(), Id::sub);
   Global content = lookup(env, Id::QUENOR_INSTRUCTION_CONTENT);
-  Ref rendered =
-      replace_blocks(env, marker.get(), content.get(), {kRulesRender, routes_for_block}, {});
+  Ref rendered = replace_blocks(env, marker.get(), sub.get(), content.get(),
+                                {kRulesRender, routes_for_block}, {});
   return strip_text(env, strip_markers(rendered).get());
 }
 

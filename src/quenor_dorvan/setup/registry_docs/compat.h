@@ -4,15 +4,6 @@
 
 namespace registry_docs::compat {
 
-// Attribute lookup that reports absence without raising: 1 found, 0 absent, -1 error.
-inline int lookup_attr(PyObject* obj, PyObject* name, PyObject** result) {
-#if PY_VERSION_HEX >= 0x030D0000
-  return PyObject_GetOptionalAttr(obj, name, result);
-#else
-  return _PyObject_LookupAttr(obj, name, result);
-#endif
-}
-
 // Mapping lookup that reports absence without raising: 1 found, 0 absent, -1 error.
 inline int dict_get_ref(PyObject* dict, PyObject* key, PyObject** result) {
 #if PY_VERSION_HEX >= 0x030D0000

@@ -95,7 +95,8 @@ Ref render_file_body(const Env& env, PyObject* const* args) {
     check(PyDict_SetItem(renderers.get(), block_name.get(), renderer.get()));
   }
   Ref marker = lookup(env, Id::MARKER);
-  return replace_blocks(env, marker.get(), text, {kFileRender, fill_block},
+  Ref sub = env.attr(marker.get(), Id::sub);
+  return replace_blocks(env, marker.get(), sub.get(), text, {kFileRender, fill_block},
                         {generated.get(), renderers.get()});
 }
 
@@ -183,23 +184,8 @@ Ref utf8_bytes(const Env& env, PyObject* text) {
 }
 
 // Renders every file, then encodes each changed one, then writes: nothing is written before every
-// file has been read, rendered and encoded. As Python:
-//
-//     catalogue = generated_files()
-//     rendered = {g.path: render_file(_read(root, g), g) for g in catalogue}
-//     changes, scheduled = [], {}
-//     for g in catalogue:
-//         current = _read(root, g)
-//         path = g.path
-//         text = rendered[path]
-//         if path in scheduled:  # the file as the earlier write leaves it
-//             current = scheduled[path]
-//         if current != text:
-//             scheduled[path] = text
-//             changes.append((path, text.encode("utf-8")))
-//     for path, data in changes:
-//         (root / path).write_bytes(data)
-//     return [path for path, _ in changes]
+// file has been read, rendered and encoded. A path listed twice is compared with the text the
+// earlier write leaves, and written once.
 Ref write_blocks_body(const Env& env, PyObject* const* args) {
   Ref root = Ref::borrow(args[0]);
   Ref catalogue = lookup(env, Id::generated_files)();

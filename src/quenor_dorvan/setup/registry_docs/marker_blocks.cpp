@@ -170,16 +170,15 @@ Ref render_match(const Env& env, PyObject* match, Fill fill, PyObject* const* he
   return own(PyNumber_Add(piece.get(), close.get()));
 }
 
-Ref replace_blocks(const Env& env, PyObject* marker, PyObject* text, const Replacement& replacement,
-                   std::initializer_list<PyObject*> held) {
-  Ref keep_marker = Ref::borrow(marker);
+Ref replace_blocks(const Env& env, PyObject* marker, PyObject* sub, PyObject* text,
+                   const Replacement& replacement, std::initializer_list<PyObject*> held) {
   Ref keep_text = Ref::borrow(text);
   if (native_marker(env, marker, text)) {
     return replace_scanned(env, text, scan(text), replacement.fill, held.begin());
   }
   // The replacement stays a function of its own: `sub` may keep it and call it later.
   Ref render = make_closure(env, replacement.render, held);
-  return env.method(marker, Id::sub, {render.get(), text});
+  return call(sub, {render.get(), text});
 }
 
 const FunctionDef kBlockNames("block_names",

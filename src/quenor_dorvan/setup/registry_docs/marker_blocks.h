@@ -38,9 +38,10 @@ struct Replacement {
 // The body of such a `render`: the match is a Python match object.
 Ref render_match(const Env& env, PyObject* match, Fill fill, PyObject* const* held);
 
-// `marker.sub(render, text)` with `render` the replacement holding `held`: each block of the text
-// filled anew, in text order, the text between blocks kept.
-Ref replace_blocks(const Env& env, PyObject* marker, PyObject* text, const Replacement& replacement,
-                   std::initializer_list<PyObject*> held);
+// `sub(render, text)`, `sub` being `marker.sub` as the caller read it (once, before the arguments,
+// as Python reads it), with `render` the replacement holding `held`: each block of the text filled
+// anew, in text order, the text between blocks kept.
+Ref replace_blocks(const Env& env, PyObject* marker, PyObject* sub, PyObject* text,
+                   const Replacement& replacement, std::initializer_list<PyObject*> held);
 
 }  // namespace registry_docs
