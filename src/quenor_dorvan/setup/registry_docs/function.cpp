@@ -19,10 +19,11 @@ struct FunctionObject {
   const FunctionDef* def;
   PyObject* module;
   PyObject* globals;
-  PyObject* state;     // the module's state object
-  PyObject* builtins;  // taken when made, as a def takes them
-  PyObject* bound[2];  // a closure's values, held inline until a caller asks for its cells
-  PyObject* closure;   // the cells, once asked for: they then hold the values
+  PyObject* state;                           // the module's state object
+  PyObject* builtins;                        // taken when made, as a def takes them
+  PyObject* bound[FunctionDef::kMaxValues];  // a closure's values, held inline until a caller asks
+                                             // for its cells
+  PyObject* closure;                         // the cells, once asked for: they then hold the values
   PyObject* name;
   PyObject* qualname;
   PyObject* module_name;
@@ -40,8 +41,7 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(f->globals);
   Py_VISIT(f->state);
   Py_VISIT(f->builtins);
-  Py_VISIT(f->bound[0]);
-  Py_VISIT(f->bound[1]);
+  for (PyObject* value : f->bound) Py_VISIT(value);
   Py_VISIT(f->closure);
   Py_VISIT(f->binder);
   Py_VISIT(f->signature);
@@ -55,8 +55,7 @@ int function_clear(PyObject* self) {
   Py_CLEAR(f->globals);
   Py_CLEAR(f->state);
   Py_CLEAR(f->builtins);
-  Py_CLEAR(f->bound[0]);
-  Py_CLEAR(f->bound[1]);
+  for (PyObject*& value : f->bound) Py_CLEAR(value);
   Py_CLEAR(f->closure);
   Py_CLEAR(f->binder);
   Py_CLEAR(f->signature);
@@ -95,9 +94,9 @@ Ref run_body(const FunctionObject* f, PyObject* const* args) {
   RecursionGuard guard;
   if (!f->def->nfree) return f->def->body(env_of(f), args);
   // A closure's body reads its values after its arguments.
-  PyObject* all[4];
+  PyObject* all[2 * FunctionDef::kMaxValues];
   std::copy_n(args, f->def->nparams, all);
-  std::copy_n(f->bound, 2, all + f->def->nparams);
+  std::copy_n(f->bound, f->def->nfree, all + f->def->nparams);
   return f->def->body(env_of(f), all);
 }
 
@@ -165,16 +164,16 @@ PyObject* function_repr(PyObject* self) {
 }
 
 PyObject* get_name(PyObject* self, void*) {
-  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->name).release();
+  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->name);
 }
 PyObject* get_qualname(PyObject* self, void*) {
-  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->qualname).release();
+  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->qualname);
 }
 PyObject* get_module(PyObject* self, void*) {
-  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->module_name).release();
+  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->module_name);
 }
 PyObject* get_doc(PyObject* self, void*) {
-  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->doc).release();
+  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->doc);
 }
 // The binder's own, made on first use, as a def's own dict is: most closures are never asked.
 PyObject* get_annotations(PyObject* self, void*) {
@@ -184,10 +183,10 @@ PyObject* get_annotations(PyObject* self, void*) {
 }
 
 PyObject* get_globals(PyObject* self, void*) {
-  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->globals).release();
+  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->globals);
 }
 PyObject* get_builtins(PyObject* self, void*) {
-  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->builtins).release();
+  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->builtins);
 }
 
 PyObject* get_code(PyObject* self, void*) {
@@ -200,7 +199,7 @@ PyObject* get_code(PyObject* self, void*) {
 // def's are; the cells then hold the values, so that a write to one is what the next call reads.
 PyObject* get_closure(PyObject* self, void*) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
-  if (!f->def->nfree) return Ref::borrow(Py_None).release();
+  if (!f->def->nfree) return Py_NewRef(Py_None);
   return guarded(
       [&] {
         if (!f->closure) {
@@ -209,10 +208,9 @@ PyObject* get_closure(PyObject* self, void*) {
             PyTuple_SET_ITEM(cells.get(), i, own(PyCell_New(f->bound[i])).release());
           }
           f->closure = cells.release();
-          Py_CLEAR(f->bound[0]);
-          Py_CLEAR(f->bound[1]);
+          for (PyObject*& value : f->bound) Py_CLEAR(value);
         }
-        return Ref::borrow(f->closure).release();
+        return Py_NewRef(f->closure);
       },
       static_cast<PyObject*>(nullptr));
 }
@@ -220,7 +218,7 @@ PyObject* get_closure(PyObject* self, void*) {
 // What isinstance and inspect take it for: a function (`inspect.getclosurevars` accepts nothing
 // else), while its type stays this one.
 PyObject* get_class(PyObject*, void*) {
-  return Ref::borrow(reinterpret_cast<PyObject*>(&PyFunction_Type)).release();
+  return Py_NewRef(reinterpret_cast<PyObject*>(&PyFunction_Type));
 }
 
 // `inspect.signature` of the binder, kept.
@@ -233,13 +231,13 @@ PyObject* get_signature(PyObject* self, void*) {
           Ref signature = own(PyObject_GetAttrString(inspect.get(), "signature"));
           f->signature = call(signature.get(), {binder_of(f)}).release();
         }
-        return Ref::borrow(f->signature).release();
+        return Py_NewRef(f->signature);
       },
       static_cast<PyObject*>(nullptr));
 }
 
 PyObject* get_no_defaults(PyObject*, void*) {
-  return Ref::borrow(Py_None).release();
+  return Py_NewRef(Py_None);
 }
 
 // The functions take no defaults. None, which they hold, may be assigned, and the attribute
@@ -253,13 +251,13 @@ int set_no_defaults(PyObject*, PyObject* value, void*) {
 
 // Bound to an instance when read through a class, as a def is.
 PyObject* function_descr_get(PyObject* self, PyObject* obj, PyObject*) {
-  if (!obj || obj == Py_None) return Ref::borrow(self).release();
+  if (!obj || obj == Py_None) return Py_NewRef(self);
   return PyMethod_New(self, obj);
 }
 
 // Pickled, copied and deep-copied by reference to the module attribute, as a def is.
 PyObject* function_reduce(PyObject* self, PyObject*) {
-  return Ref::borrow(reinterpret_cast<FunctionObject*>(self)->name).release();
+  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->name);
 }
 
 PyMethodDef function_methods[] = {
@@ -348,14 +346,14 @@ Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
   auto* f = reinterpret_cast<FunctionObject*>(self.get());
   f->vectorcall = function_vectorcall;
   f->def = &def;
-  f->module = Ref::borrow(module).release();
-  f->globals = Ref::borrow(globals).release();
-  f->state = Ref::borrow(state.object).release();
+  f->module = Py_NewRef(module);
+  f->globals = Py_NewRef(globals);
+  f->state = Py_NewRef(state.object);
   f->builtins = builtins.release();
-  f->bound[0] = f->bound[1] = nullptr;
+  for (PyObject*& value : f->bound) value = nullptr;
   f->closure = nullptr;
   PyObject** slot = f->bound;
-  for (PyObject* value : bound) *slot++ = Ref::borrow(value).release();
+  for (PyObject* value : bound) *slot++ = Py_NewRef(value);
   f->name = name.release();
   f->qualname = qualname.release();
   f->module_name = module_name.release();

@@ -17,7 +17,10 @@ struct Param {
 };
 
 struct FunctionDef {
-  constexpr FunctionDef(const char* name_, const char* doc_, Body body_,
+  // At most this many parameters, and as many free variables: a body gets both in one array.
+  static constexpr int kMaxValues = 2;
+  // Made while compiling: a definition with more values than that does not compile.
+  consteval FunctionDef(const char* name_, const char* doc_, Body body_,
                         std::initializer_list<Param> params_, const char* returns_,
                         const char* qualname_ = nullptr,
                         std::initializer_list<const char*> freevars_ = {})
@@ -28,6 +31,7 @@ struct FunctionDef {
         body(body_),
         qualname(qualname_),
         nfree(static_cast<int>(freevars_.size())) {
+    if (nparams > kMaxValues || nfree > kMaxValues) throw "too many parameters or free variables";
     int i = 0;
     for (const Param& param : params_) {
       params[i] = param.name;
@@ -39,15 +43,15 @@ struct FunctionDef {
   const char* name;
   const char* doc;  // null: None, as for a def without a docstring
   int nparams;
-  const char* params[2] = {};
-  const char* annotations[2] = {};
+  const char* params[kMaxValues] = {};
+  const char* annotations[kMaxValues] = {};
   const char* returns;  // null: no return annotation
   Body body;
   const char* qualname;  // null: the name
   // A nested function's free variables, in the order of its code's `co_freevars` (by name, as the
   // compiler orders them): the values it holds, in that order.
   int nfree;
-  const char* freevars[2] = {};
+  const char* freevars[kMaxValues] = {};
 };
 
 // How the function type is made (once per module, into its state).

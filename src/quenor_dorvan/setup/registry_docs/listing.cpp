@@ -75,7 +75,7 @@ Ref ordered_tools_body(const Env& env, PyObject* const*) {
   Ref result = own(PyList_New(count));
   for (Py_ssize_t i = 0; i < count; ++i) {
     PyObject* tool = PyList_GET_ITEM(tools.get(), order[static_cast<size_t>(i)]);
-    PyList_SET_ITEM(result.get(), i, Ref::borrow(tool).release());
+    PyList_SET_ITEM(result.get(), i, Py_NewRef(tool));
   }
   return result;
 }

@@ -126,8 +126,8 @@ class Handling {
  public:
   explicit Handling(PyObject* error) {
     PyErr_GetExcInfo(&type_, &value_, &traceback_);
-    PyErr_SetExcInfo(Ref::borrow(reinterpret_cast<PyObject*>(Py_TYPE(error))).release(),
-                     Ref::borrow(error).release(), PyException_GetTraceback(error));
+    PyErr_SetExcInfo(Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(error))), Py_NewRef(error),
+                     PyException_GetTraceback(error));
   }
   ~Handling() { PyErr_SetExcInfo(type_, value_, traceback_); }
   Handling(const Handling&) = delete;

@@ -260,9 +260,9 @@ Ref make_lazy(PyObject* type, PyObject* module, PyObject* state, PyObject* built
               RowOf row, Py_ssize_t number) {
   auto* lazy = PyObject_GC_New(Lazy, reinterpret_cast<PyTypeObject*>(type));
   if (!lazy) raise();
-  lazy->module = Ref::borrow(module).release();
-  lazy->state = Ref::borrow(state).release();
-  lazy->builtins = Ref::borrow(builtins).release();
+  lazy->module = Py_NewRef(module);
+  lazy->state = Py_NewRef(state);
+  lazy->builtins = Py_NewRef(builtins);
   lazy->source = source.release();
   lazy->row = row;
   lazy->number = number;
@@ -368,10 +368,15 @@ void write_row(const Env& env, LineJoiner& out, const Global& row, PyObject* cel
       Py_CLEAR(row.source);
     }
   } drain(lazy);
-  Ref made[8];
-  PyObject* items[8];
+  constexpr int kMaxCells = 8;  // the widest table the module makes lazily has five columns
+  Ref made[kMaxCells + 1];
+  PyObject* items[kMaxCells];
   int count = 0;
-  while (count < 8 && (made[count] = lazy.row(env, drain.tool.get(), lazy.number, count))) {
+  while ((made[count] = lazy.row(env, drain.tool.get(), lazy.number, count))) {
+    if (count == kMaxCells) {
+      PyErr_SetString(PyExc_SystemError, "a table row with more cells than the writer holds");
+      raise();
+    }
     items[count] = made[count].get();
     ++count;
   }

@@ -207,7 +207,7 @@ TextWriter& TextWriter::substring_slow(PyObject* text, Py_ssize_t start, Py_ssiz
   check(PyUnicode_READY(text));
   bool whole = start == 0 && end == PyUnicode_GET_LENGTH(text);
   if (whole && pos_ == inline_ && !sole_ && PyUnicode_CheckExact(text)) {
-    sole_ = Ref::borrow(text).release();
+    sole_ = Py_NewRef(text);
     return *this;
   }
   if (sole_) flush_sole();
