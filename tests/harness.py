@@ -43,8 +43,7 @@ class Side:
     running = None
 
     def __init__(self, ns, case):
-        self.ns, self.case = ns, case
-        self.events, self.raised, self.count = [], [], collections.Counter()
+        self.ns, self.case, self.events, self.raised, self.count = ns, case, [], [], collections.Counter()
 
     def reached(self, site, detail=None):
         self.events.append(detail or site)
@@ -270,6 +269,5 @@ class Comparison(unittest.TestCase):
 def example_copy():
     """A temporary copy of the example host repository; yields its root."""
     with tempfile.TemporaryDirectory() as directory:
-        root = Path(directory) / "example"
-        shutil.copytree(EXAMPLE, root, ignore=shutil.ignore_patterns("__pycache__"))
+        shutil.copytree(EXAMPLE, root := Path(directory) / "example", ignore=shutil.ignore_patterns("__pycache__"))
         yield root

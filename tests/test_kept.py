@@ -24,8 +24,7 @@ def read_later(name):
         side.ns["_code"] = lambda value: f"<{value}>"
         side.ns["TOOLS"].clear()
         del side.tools[1].fields["summary"]
-        rows = iter(side.kept.pop())
-        first = list(next(rows))
+        first = list(next(rows := iter(side.kept.pop())))
         side.ns["_NONE"] = None
         return result, first, [outcome(side, lambda side: list(row)) for row in rows]
 

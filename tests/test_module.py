@@ -46,8 +46,7 @@ def described(function):
     names = list(signature.parameters)
     seen = [function.__name__, function.__qualname__, function.__module__, function.__defaults__,
             function.__kwdefaults__, [(p.name, p.kind) for p in signature.parameters.values()]]
-    function.custom = 1
-    seen.append(vars(function).copy())
+    seen.append(setattr(function, "custom", 1) or vars(function).copy())
     del function.custom
     for call in (lambda: function(*range(len(names) + 1)), lambda: function(x=1),
                  lambda: function(**{1: 2}), lambda: function(**{name[:-1]: 1 for name in names}),

@@ -163,30 +163,11 @@ PyObject* function_repr(PyObject* self) {
   return PyUnicode_FromFormat("<function %U at %p>", f->qualname, self);
 }
 
-PyObject* get_name(PyObject* self, void*) {
-  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->name);
-}
-PyObject* get_qualname(PyObject* self, void*) {
-  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->qualname);
-}
-PyObject* get_module(PyObject* self, void*) {
-  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->module_name);
-}
-PyObject* get_doc(PyObject* self, void*) {
-  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->doc);
-}
 // The binder's own, made on first use, as a def's own dict is: most closures are never asked.
 PyObject* get_annotations(PyObject* self, void*) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
   return guarded([&] { return getattr(binder_of(f), text("__annotations__").get()).release(); },
                  static_cast<PyObject*>(nullptr));
-}
-
-PyObject* get_globals(PyObject* self, void*) {
-  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->globals);
-}
-PyObject* get_builtins(PyObject* self, void*) {
-  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->builtins);
 }
 
 PyObject* get_code(PyObject* self, void*) {
@@ -266,13 +247,7 @@ PyMethodDef function_methods[] = {
 };
 
 PyGetSetDef function_getset[] = {
-    {"__name__", get_name, nullptr, nullptr, nullptr},
-    {"__qualname__", get_qualname, nullptr, nullptr, nullptr},
-    {"__module__", get_module, nullptr, nullptr, nullptr},
-    {"__doc__", get_doc, nullptr, nullptr, nullptr},
     {"__annotations__", get_annotations, nullptr, nullptr, nullptr},
-    {"__globals__", get_globals, nullptr, nullptr, nullptr},
-    {"__builtins__", get_builtins, nullptr, nullptr, nullptr},
     {"__code__", get_code, nullptr, nullptr, nullptr},
     {"__closure__", get_closure, nullptr, nullptr, nullptr},
     {"__class__", get_class, nullptr, nullptr, nullptr},
@@ -283,7 +258,14 @@ PyGetSetDef function_getset[] = {
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
+// Read-only members, as the interpreter's own function type declares them.
 PyMemberDef function_members[] = {
+    {"__name__", T_OBJECT, offsetof(FunctionObject, name), READONLY, nullptr},
+    {"__qualname__", T_OBJECT, offsetof(FunctionObject, qualname), READONLY, nullptr},
+    {"__module__", T_OBJECT, offsetof(FunctionObject, module_name), READONLY, nullptr},
+    {"__doc__", T_OBJECT, offsetof(FunctionObject, doc), READONLY, nullptr},
+    {"__globals__", T_OBJECT, offsetof(FunctionObject, globals), READONLY, nullptr},
+    {"__builtins__", T_OBJECT, offsetof(FunctionObject, builtins), READONLY, nullptr},
     {"__vectorcalloffset__", T_PYSSIZET, offsetof(FunctionObject, vectorcall), READONLY, nullptr},
     {"__weaklistoffset__", T_PYSSIZET, offsetof(FunctionObject, weakrefs), READONLY, nullptr},
     {"__dictoffset__", T_PYSSIZET, offsetof(FunctionObject, dict), READONLY, nullptr},

@@ -106,7 +106,6 @@ void TextWriter::free_chunks() {
 
 TextWriter::~TextWriter() {
   free_chunks();
-  Py_XDECREF(sole_);
 }
 
 template <typename F>
@@ -179,8 +178,8 @@ void TextWriter::write(const void* data, int kind, Py_ssize_t length, Py_UCS4 wi
 
 // A second piece comes: the first, kept as it was, is copied in first.
 void TextWriter::flush_sole() {
-  PyObject* sole = std::exchange(sole_, nullptr);
-  Ref held = Ref::steal(sole);
+  Ref held = std::move(sole_);
+  PyObject* sole = held.get();
   write(PyUnicode_DATA(sole), PyUnicode_KIND(sole), PyUnicode_GET_LENGTH(sole),
         PyUnicode_IS_ASCII(sole) ? Py_UCS4{127} : PyUnicode_MAX_CHAR_VALUE(sole));
 }
@@ -207,7 +206,7 @@ TextWriter& TextWriter::substring_slow(PyObject* text, Py_ssize_t start, Py_ssiz
   check(PyUnicode_READY(text));
   bool whole = start == 0 && end == PyUnicode_GET_LENGTH(text);
   if (whole && pos_ == inline_ && !sole_ && PyUnicode_CheckExact(text)) {
-    sole_ = Py_NewRef(text);
+    sole_ = Ref::borrow(text);
     return *this;
   }
   if (sole_) flush_sole();
@@ -221,7 +220,7 @@ TextWriter& TextWriter::substring_slow(PyObject* text, Py_ssize_t start, Py_ssiz
 }
 
 Ref TextWriter::finish() {
-  if (sole_) return Ref::steal(std::exchange(sole_, nullptr));
+  if (sole_) return std::move(sole_);
   Ref result = own(PyUnicode_New(length(), widest_));
   char* out = static_cast<char*>(PyUnicode_DATA(result.get()));
   each([&](const char* data, Py_ssize_t size) {

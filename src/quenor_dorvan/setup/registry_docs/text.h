@@ -103,7 +103,7 @@ class TextWriter {
   Py_ssize_t before_ = 0;  // characters in the stretches before pos_'s
   int kind_ = PyUnicode_1BYTE_KIND;
   Py_UCS4 widest_ = 0;
-  PyObject* sole_ = nullptr;  // the first piece while it is a whole exact str alone, not yet copied
+  Ref sole_;  // the first piece while it is a whole exact str alone, not yet copied
 };
 
 // Writes `separator.join(items)` item by item into one str. An item that is not a str is reported
