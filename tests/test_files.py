@@ -16,12 +16,10 @@ class Root(type(Path())):
     """A repository root whose files' reads and writes are sites."""
 
     def read_text(self, *args, **kwargs):
-        reached("read", f"read {self.name}")
-        return super().read_text(*args, **kwargs)
+        return reached("read", f"read {self.name}") or super().read_text(*args, **kwargs)
 
     def write_bytes(self, data):
-        reached("write", f"write {self.name}")
-        return super().write_bytes(data)
+        return reached("write", f"write {self.name}") or super().write_bytes(data)
 
 
 def record(path, *names, render=lambda name: f"new {name}"):

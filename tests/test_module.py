@@ -28,8 +28,7 @@ STUB = Path(docs.__file__).with_name("registry_docs.pyi")
 
 def stub():
     """The stub run as Python, its annotations kept as texts: its functions, its record and `__all__`."""
-    namespace = {}
-    exec(compile(STUB.read_text("utf-8"), str(STUB), "exec", __future__.annotations.compiler_flag), namespace)
+    exec(compile(STUB.read_text("utf-8"), str(STUB), "exec", __future__.annotations.compiler_flag), namespace := {})
     return namespace
 
 
@@ -96,8 +95,7 @@ class ModuleTest(unittest.TestCase):
         # The nested functions a caller can reach: a rebound `_MARKER` keeps what render_file and
         # rules_block hand to its `sub`.
         pairs = [(own[name], MODEL[name]) for name in own]
-        marker, generated = Keeping(), docs.GeneratedFile("f.md", (("a", str),))
-        saved = docs._MARKER
+        marker, generated, saved = Keeping(), docs.GeneratedFile("f.md", (("a", str),)), docs._MARKER
         for side in (docs.__dict__, MODEL):
             side["_MARKER"] = marker
             side["render_file"]("<!-- registry:a -->\n<!-- /registry:a -->", generated)

@@ -238,7 +238,8 @@ Ref bound_sentence(const Env& env, PyObject* prop) {
 Ref description_cell_body(const Env& env, PyObject* const* args) {
   PyObject* param = args[0];
   PyObject* prop = args[1];
-  Ref description = with_full_stop(env, strip_text(env, description_text(env, prop).get()));
+  Ref description =
+      with_full_stop(env, env.method(description_text(env, prop).get(), Id::strip, {}));
   Ref values_text = env.attr(param, Id::values_text);
   Ref values = call(values_text.get(), {lookup(env, Id::code).get()});
   Ref bound = bound_sentence(env, prop);
@@ -399,7 +400,7 @@ Ref rules_block_body(const Env& env, PyObject* const*) {
   Global content = lookup(env, Id::QUENOR_INSTRUCTION_CONTENT);
   Ref rendered = replace_blocks(env, marker.get(), sub.get(), content.get(),
                                 {kRulesRender, routes_for_block}, {});
-  return strip_text(env, strip_markers(rendered).get());
+  return env.method(strip_markers(rendered).get(), Id::strip, {});
 }
 
 }  // namespace

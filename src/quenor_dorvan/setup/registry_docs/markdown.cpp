@@ -395,17 +395,6 @@ Ref lazy_rows(const Env& env, Ref tools, RowOf row) {
                    std::move(tools), row, 0);
 }
 
-Ref strip_text(const Env& env, PyObject* text) {
-  if (!PyUnicode_CheckExact(text)) return env.method(text, Id::strip, {});
-  Py_ssize_t size = PyUnicode_GET_LENGTH(text);
-  Py_ssize_t start = 0;
-  Py_ssize_t end = size;
-  while (start < end && Py_UNICODE_ISSPACE(PyUnicode_READ_CHAR(text, start))) ++start;
-  while (end > start && Py_UNICODE_ISSPACE(PyUnicode_READ_CHAR(text, end - 1))) --end;
-  if (start == 0 && end == size) return Ref::borrow(text);
-  return own(PyUnicode_Substring(text, start, end));
-}
-
 void LineJoiner::lines(PyObject* iterable) {
   Ref iterator = Ref::steal(PyObject_GetIter(iterable));
   if (!iterator) {

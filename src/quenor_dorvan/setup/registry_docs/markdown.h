@@ -15,9 +15,6 @@ extern const FunctionDef kValue;
 extern PyType_Spec rows_type_spec;
 extern PyType_Spec row_type_spec;
 
-// `text.strip()`: natively for a str, through the method otherwise.
-Ref strip_text(const Env& env, PyObject* text);
-
 // Lines joined with "\n", as `"\n".join(lines)` joins them.
 class LineJoiner : public JoinWriter {
  public:

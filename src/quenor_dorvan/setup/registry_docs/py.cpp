@@ -43,12 +43,6 @@ void join_type_error(Py_ssize_t index, PyObject* item) {
 }
 
 std::pair<Ref, Ref> unpack_pair(PyObject* item) {
-  if (PyTuple_CheckExact(item) || PyList_CheckExact(item)) {
-    if (PySequence_Fast_GET_SIZE(item) == 2) {
-      PyObject** items = PySequence_Fast_ITEMS(item);
-      return {Ref::borrow(items[0]), Ref::borrow(items[1])};
-    }
-  }
   Ref iterator = Ref::steal(PyObject_GetIter(item));
   if (!iterator) {
     if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(item)->tp_iter == nullptr &&
