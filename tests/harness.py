@@ -22,8 +22,7 @@ MODEL_FILE = Path(__file__).with_name("reference_model.py")
 
 def python_model():
     """The model run into a copy of the module's globals, where it looks up every name it reads."""
-    namespace = dict(docs.__dict__, __annotations__={})
-    exec(compile(MODEL_FILE.read_text(encoding="utf-8"), str(MODEL_FILE), "exec"), namespace)
+    exec(compile(MODEL_FILE.read_text("utf-8"), MODEL_FILE, "exec"), namespace := dict(vars(docs), __annotations__={}))
     return namespace
 
 
@@ -150,8 +149,8 @@ def error_seen(side, error, depth=4):
     the same of its cause and context, down the chain."""
     if error is None or not depth:
         return None
-    return (type(error), tried(lambda: str(error)), shown(error.args), kinds(error.args), attributes(error), any(error is e for e in side.raised),
-            error.__traceback__ is not None, error.__suppress_context__,
+    return (type(error), tried(lambda: str(error)), shown(error.args), kinds(error.args), attributes(error),
+            any(error is e for e in side.raised), error.__traceback__ is not None, error.__suppress_context__,
             error_seen(side, error.__cause__, depth - 1), error_seen(side, error.__context__, depth - 1))
 
 

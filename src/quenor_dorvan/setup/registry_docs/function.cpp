@@ -163,17 +163,13 @@ PyObject* function_repr(PyObject* self) {
   return PyUnicode_FromFormat("<function %U at %p>", f->qualname, self);
 }
 
-// The binder's own, made on first use, as a def's own dict is: most closures are never asked.
-PyObject* get_annotations(PyObject* self, void*) {
+// The binder's own attribute named by the closure (`__annotations__`, `__code__`), the binder made
+// on first use, as a def's own dict is: most closures are never asked.
+PyObject* get_from_binder(PyObject* self, void* name) {
   auto* f = reinterpret_cast<FunctionObject*>(self);
-  return guarded([&] { return getattr(binder_of(f), text("__annotations__").get()).release(); },
-                 static_cast<PyObject*>(nullptr));
-}
-
-PyObject* get_code(PyObject* self, void*) {
-  auto* f = reinterpret_cast<FunctionObject*>(self);
-  return guarded([&] { return getattr(binder_of(f), text("__code__").get()).release(); },
-                 static_cast<PyObject*>(nullptr));
+  return guarded(
+      [&] { return getattr(binder_of(f), text(static_cast<const char*>(name)).get()).release(); },
+      static_cast<PyObject*>(nullptr));
 }
 
 // None for a function that holds nothing. Else a cell per free variable, made once and kept, as a
@@ -247,8 +243,8 @@ PyMethodDef function_methods[] = {
 };
 
 PyGetSetDef function_getset[] = {
-    {"__annotations__", get_annotations, nullptr, nullptr, nullptr},
-    {"__code__", get_code, nullptr, nullptr, nullptr},
+    {"__annotations__", get_from_binder, nullptr, nullptr, const_cast<char*>("__annotations__")},
+    {"__code__", get_from_binder, nullptr, nullptr, const_cast<char*>("__code__")},
     {"__closure__", get_closure, nullptr, nullptr, nullptr},
     {"__class__", get_class, nullptr, nullptr, nullptr},
     {"__signature__", get_signature, nullptr, nullptr, nullptr},
