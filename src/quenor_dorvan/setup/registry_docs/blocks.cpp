@@ -5,55 +5,18 @@
 #include "listing.h"
 #include "markdown.h"
 #include "marker_blocks.h"
-#include "registry_inputs.h"
 
 namespace registry_docs {
 
 namespace {
 
-// The texts and headers the renderers show, in the order of `Shown`.
-enum Shown : Py_ssize_t {
-  kOneCall,
-  kYes,
-  kNo,
-  kAll,
-  kStars,
-  kTiersTitle,
-  kParamsHeading,
-  kCliNote,
-  kSkillHeader,
-  kReadmeHeader,
-  kOverviewHeader,
-  kCliHeader,
-  kParamsHeader,
-  kPlainParamsHeader,
-  kShownCount
-};
-
-// A tuple of fixed column titles.
-Ref header_of(std::initializer_list<const char*> titles) {
-  Ref header = own(PyTuple_New(static_cast<Py_ssize_t>(titles.size())));
-  Py_ssize_t i = 0;
-  for (const char* title : titles) PyTuple_SET_ITEM(header.get(), i++, text(title).release());
-  return header;
-}
-
-PyObject* shown(const Env& env, Shown which) {
-  return PyTuple_GET_ITEM(env.state->shown.get(), which);
-}
-
-// `iter(ordered_tools())`, as a generator expression takes its iterable when it is made.
-Ref iter_ordered_tools(const Env& env) {
-  return own(PyObject_GetIter(lookup(env, Id::ordered_tools)().get()));
-}
-
-// A body made of one line, an empty line and a table.
-Ref line_then_table(const Env& env, PyObject* line, PyObject* header, PyObject* rows) {
-  LineJoiner out;
-  out.line(line);
-  out.line(env.name(Id::empty));
-  write_table(env, out, header, rows);
-  return out.finish();
+// A body made of one line, an empty line and a table: `"\n".join([line, "", *_table(...)])`.
+Ref line_then_table(const Env& env, Obj line, PyObject* header, PyObject* rows) {
+  LineJoiner lines;
+  lines.line(line);
+  lines.line(env.name(Id::empty));
+  write_table(env, lines, header, rows);
+  return lines.finish();
 }
 
 // `tool.tier.capitalize()`.
@@ -64,29 +27,23 @@ Ref capitalized_tier(const Env& env, PyObject* tool) {
 Ref skill_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
   switch (cell) {
     case 0: return lookup(env, Id::code)(env.attr(tool, Id::name));
-    case 1: return lookup(env, Id::actions_cell)(tool, shown(env, kOneCall));
+    case 1: return lookup(env, Id::actions_cell)(tool, env.constant("*(one call)*"));
     case 2: return lookup(env, Id::cell)(env.attr(tool, Id::mcp_text));
     default: return Ref();
   }
 }
 
 Ref skill_tools_block_body(const Env& env, PyObject* const*) {
-  Ref rows = lazy_rows(env, iter_ordered_tools(env), skill_row);
-  Ref heading = own(PyUnicode_FromFormat(
-      "## Tool reference (%zd tools; MCP name = CLI `quenor-dorvan query <tool>`)",
-      tool_count(env)));
-  return line_then_table(env, heading.get(), shown(env, kSkillHeader), rows.get());
-}
-
-// `"**" + tool.tier.capitalize() + "**"`: concatenated with `+`, not formatted.
-Ref bold_tier(const Env& env, PyObject* tool) {
-  Ref opened = own(PyNumber_Add(shown(env, kStars), capitalized_tier(env, tool).get()));
-  return own(PyNumber_Add(opened.get(), shown(env, kStars)));
+  Ref rows = lazy_rows(env, lookup(env, Id::ordered_tools)(), skill_row);
+  return line_then_table(env,
+                         fstr({"## Tool reference (", len(lookup(env, Id::TOOLS)),
+                               " tools; MCP name = CLI `quenor-dorvan query <tool>`)"}),
+                         env.header("Tool\tActions\tUse for"), rows.get());
 }
 
 Ref readme_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
   switch (cell) {
-    case 0: return bold_tier(env, tool);
+    case 0: return add({env.constant("**"), capitalized_tier(env, tool), env.constant("**")});
     case 1: return lookup(env, Id::code)(env.attr(tool, Id::name));
     case 2: return lookup(env, Id::actions_cell)(tool, lookup(env, Id::NONE));
     case 3: return lookup(env, Id::cell)(env.attr(tool, Id::summary));
@@ -95,34 +52,20 @@ Ref readme_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
 }
 
 Ref readme_tools_block_body(const Env& env, PyObject* const*) {
-  Ref rows = lazy_rows(env, iter_ordered_tools(env), readme_row);
-  TextWriter line;
-  line.number(tool_count(env)).lit(" tools for code intelligence, ");
-  line.format(lookup(env, Id::tier_counts)().get());
-  line.lit(". A tool with actions takes an `action` parameter that selects one.");
-  return line_then_table(env, line.finish().get(), shown(env, kReadmeHeader), rows.get());
+  Ref rows = lazy_rows(env, lookup(env, Id::ordered_tools)(), readme_row);
+  return line_then_table(
+      env,
+      fstr({len(lookup(env, Id::TOOLS)), " tools for code intelligence, ",
+            lookup(env, Id::tier_counts)(),
+            ". A tool with actions takes an `action` parameter that selects one."}),
+      env.header("Tier\tTool\tActions\tPurpose"), rows.get());
 }
 
 Ref mcp_intro_block_body(const Env& env, PyObject* const*) {
-  TextWriter out;
-  out.lit("Complete reference for the **").number(tool_count(env));
-  out.lit(" MCP tools** provided by Quenor Dorvan, ");
-  out.format(lookup(env, Id::tier_counts)().get());
-  out.lit(
-      ".\n\nEach tool groups related functionality behind a single endpoint; a tool with actions "
-      "takes an `action` parameter that selects the operation.");
-  return out.finish();
-}
-
-// "- **Core** (8 tools): `a`, `b`": one tier's line of the overview.
-Ref tier_line(const Env& env, PyObject* tier) {
-  TextWriter prefix;
-  prefix.lit("- **").format(env.method(tier, Id::capitalize, {}).get()).lit("** (");
-  prefix.number(check_size(PyObject_Size(lookup(env, Id::tier_tools)(tier).get())));
-  prefix.lit(" tools): ");
-  Ref head = prefix.finish();
-  Ref names = code_spans(env, lookup(env, Id::tier_tools)(tier).get(), ", ", true);
-  return own(PyUnicode_Concat(head.get(), names.get()));
+  return fstr({"Complete reference for the **", len(lookup(env, Id::TOOLS)),
+               " MCP tools** provided by Quenor Dorvan, ", lookup(env, Id::tier_counts)(),
+               ".\n\nEach tool groups related functionality behind a single endpoint; a tool with "
+               "actions takes an `action` parameter that selects the operation."});
 }
 
 Ref overview_row(const Env& env, PyObject* tool, Py_ssize_t number, int cell) {
@@ -137,16 +80,19 @@ Ref overview_row(const Env& env, PyObject* tool, Py_ssize_t number, int cell) {
 }
 
 Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
-  Ref rows = lazy_rows(env, iter_ordered_tools(env), overview_row);
-  Ref tier_lines =
-      collect(lookup(env, Id::TIERS).get(), [&](PyObject* tier) { return tier_line(env, tier); });
-  LineJoiner out;
-  write_table(env, out, shown(env, kOverviewHeader), rows.get());
-  for (PyObject* line : {env.name(Id::empty), shown(env, kTiersTitle), env.name(Id::empty)}) {
-    out.line(line);
-  }
-  out.lines(tier_lines.get());
-  return out.finish();
+  Ref rows = lazy_rows(env, lookup(env, Id::ordered_tools)(), overview_row);
+  Ref tiers = collect(lookup(env, Id::TIERS).get(), [&](PyObject* tier) {
+    return add({fstr({"- **", env.method(tier, Id::capitalize, {}), "** (",
+                      len(lookup(env, Id::tier_tools)(tier)), " tools): "}),
+                code_spans(env, lookup(env, Id::tier_tools)(tier).get(), ", ", true)});
+  });
+  LineJoiner lines;
+  write_table(env, lines, env.header("#\tTool\tActions\tTier\tPurpose"), rows.get());
+  lines.line(env.name(Id::empty));
+  lines.line(env.constant("**Tiers:**"));
+  lines.line(env.name(Id::empty));
+  lines.lines(tiers.get());
+  return lines.finish();
 }
 
 Ref cli_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
@@ -158,92 +104,60 @@ Ref cli_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
 }
 
 Ref mcp_cli_block_body(const Env& env, PyObject* const*) {
-  Ref rows = lazy_rows(env, iter_ordered_tools(env), cli_row);
-  return line_then_table(env, shown(env, kCliNote), shown(env, kCliHeader), rows.get());
+  Ref rows = lazy_rows(env, lookup(env, Id::ordered_tools)(), cli_row);
+  return line_then_table(
+      env,
+      env.constant(
+          "Every parameter is an option of the same name in kebab-case (`token_budget` is "
+          "`--token-budget`), an array is a comma-separated list, and a boolean is `--flag` or "
+          "`--flag true|false`. `quenor-dorvan query <tool> --help` prints a tool's options with "
+          "their full texts and `quenor-dorvan query --schema` prints them all as JSON Schema."),
+      env.header("Tool\tCLI usage"), rows.get());
 }
 
-// `_NONE if param.default is None else _value(param.default)`, then the defaults by action.
 Ref default_cell_body(const Env& env, PyObject* const* args) {
   PyObject* param = args[0];
-  Ref shown = env.attr(param, Id::default_).get() == Py_None
-                  ? lookup(env, Id::NONE)
-                  : lookup(env, Id::value)(env.attr(param, Id::default_));
-  // `", ".join(f"{action}: {_value(value)}" for action, value in param.action_defaults)`
-  JoinWriter pieces(", ");
+  Ref text = env.attr(param, Id::default_).get() == Py_None
+                 ? lookup(env, Id::NONE)
+                 : lookup(env, Id::value)(env.attr(param, Id::default_));
+  JoinWriter by_action(", ");
   for_each(env.attr(param, Id::action_defaults).get(), [&](PyObject* pair) {
     auto [action, value] = unpack_pair(pair);
-    TextWriter piece;
-    piece.format(action.get()).lit(": ");
-    pieces.item(piece.format(lookup(env, Id::value)(value).get()).finish().get());
+    by_action.item(fstr({action, ": ", lookup(env, Id::value)(value)}));
   });
-  Ref by_action = pieces.finish();
-  if (PyUnicode_GET_LENGTH(by_action.get()) == 0) return shown;
-  return TextWriter().format(shown.get()).lit(" (").str(by_action.get()).lit(")").finish();
+  Ref joined = by_action.finish();
+  return PyUnicode_GET_LENGTH(joined.get()) ? fstr({text, " (", joined, ")"}) : text;
 }
 
 Ref type_cell_body(const Env& env, PyObject* const* args) {
   PyObject* prop = args[0];
   if (compare(subscript(prop, env.name(Id::type)).get(), env.name(Id::array), Py_EQ) &&
       check(PySequence_Contains(prop, env.name(Id::items)))) {
-    Ref items = subscript(prop, env.name(Id::items));
-    return TextWriter().format(subscript(items.get(), env.name(Id::type)).get()).lit("[]").finish();
+    return fstr({subscript(subscript(prop, env.name(Id::items)).get(), env.name(Id::type)), "[]"});
   }
-  return str_of(subscript(prop, env.name(Id::type)).get());  // `str(prop["type"])` reads it again
-}
-
-// `prop.get("description", "")`.
-Ref description_text(const Env& env, PyObject* prop) {
-  return mapping_get(prop, env.name(Id::description), env.name(Id::get), env.name(Id::empty));
-}
-
-// `description += "."` unless it is empty or ends with a full stop already.
-Ref with_full_stop(const Env& env, Ref description) {
-  if (PyUnicode_CheckExact(description.get())) {  // the usual case, without two method calls
-    Py_ssize_t size = PyUnicode_GET_LENGTH(description.get());
-    if (size == 0 || PyUnicode_READ_CHAR(description.get(), size - 1) == '.') return description;
-    return own(PyUnicode_Concat(description.get(), env.name(Id::dot)));
-  }
-  if (!truth(description.get()) ||
-      truth(env.method(description.get(), Id::endswith, {env.name(Id::dot)}).get())) {
-    return description;
-  }
-  return own(PyNumber_InPlaceAdd(description.get(), env.name(Id::dot)));
-}
-
-// `f"{before}{_value(bound)}."`.
-Ref bound_text(const Env& env, const char* before, PyObject* bound) {
-  return TextWriter()
-      .ascii(before, static_cast<Py_ssize_t>(strlen(before)))
-      .format(lookup(env, Id::value)(bound).get())
-      .lit(".")
-      .finish();
-}
-
-// "Range: 1-100.", "At least 0.", "At most 9." or "" from the schema's bounds.
-Ref bound_sentence(const Env& env, PyObject* prop) {
-  Ref low = mapping_get(prop, env.name(Id::minimum), env.name(Id::get));
-  Ref high = mapping_get(prop, env.name(Id::maximum), env.name(Id::get));
-  bool has_low = low.get() != Py_None;
-  bool has_high = high.get() != Py_None;
-  if (has_low && has_high) {
-    TextWriter out;
-    out.lit("Range: ").format(lookup(env, Id::value)(low).get()).lit("-");
-    return out.format(lookup(env, Id::value)(high).get()).lit(".").finish();
-  }
-  if (has_low) return bound_text(env, "At least ", low.get());
-  if (has_high) return bound_text(env, "At most ", high.get());
-  return Ref::borrow(env.name(Id::empty));
+  return str_of(subscript(prop, env.name(Id::type)).get());
 }
 
 Ref description_cell_body(const Env& env, PyObject* const* args) {
   PyObject* param = args[0];
   PyObject* prop = args[1];
-  Ref description =
-      with_full_stop(env, env.method(description_text(env, prop).get(), Id::strip, {}));
+  Ref description = env.method(
+      mapping_get(prop, env.name(Id::description), env.name(Id::get), env.name(Id::empty)).get(),
+      Id::strip, {});
+  if (truth(description.get()) &&
+      !ends_with(description.get(), env.name(Id::dot), env.name(Id::endswith))) {
+    description = own(PyNumber_InPlaceAdd(description.get(), env.name(Id::dot)));
+  }
   Ref values_text = env.attr(param, Id::values_text);
   Ref values = call(values_text.get(), {lookup(env, Id::code).get()});
-  Ref bound = bound_sentence(env, prop);
-  // `_cell(" ".join(piece for piece in (description, values, bound) if piece))`
+  Ref low = mapping_get(prop, env.name(Id::minimum), env.name(Id::get));
+  Ref high = mapping_get(prop, env.name(Id::maximum), env.name(Id::get));
+  Ref bound =
+      low.get() != Py_None && high.get() != Py_None
+          ? fstr({"Range: ", lookup(env, Id::value)(low), "-", lookup(env, Id::value)(high), "."})
+      : low.get() != Py_None  ? fstr({"At least ", lookup(env, Id::value)(low), "."})
+      : high.get() != Py_None ? fstr({"At most ", lookup(env, Id::value)(high), "."})
+                              : Ref::borrow(env.name(Id::empty));
   Global cell = lookup(env, Id::cell);
   JoinWriter pieces(" ");
   for (PyObject* piece : {description.get(), values.get(), bound.get()}) {
@@ -252,67 +166,49 @@ Ref description_cell_body(const Env& env, PyObject* const* args) {
   return cell(pieces.finish());
 }
 
-// The cells of one parameter's row, in order: `(_code(param.name), ..., _description_cell(...))`.
-Ref param_row(const Env& env, PyObject* param, PyObject* prop, PyObject* required,
-              bool has_actions) {
-  Ref cells[7];
-  int n = 0;
-  cells[n++] = lookup(env, Id::code)(env.attr(param, Id::name));
-  Global code = lookup(env, Id::code);
-  Ref option = lookup(env, Id::snake_to_kebab)(env.attr(param, Id::name));
-  cells[n++] = code(TextWriter().lit("--").format(option.get()).finish());
-  cells[n++] = lookup(env, Id::type_cell)(prop);
-  bool is_required = check(PySequence_Contains(required, env.attr(param, Id::name).get()));
-  cells[n++] = Ref::borrow(shown(env, is_required ? kYes : kNo));
-  cells[n++] = lookup(env, Id::cell)(lookup(env, Id::default_cell)(param));
-  if (has_actions) {  // `", ".join(param.applies_to) or "all"`
-    Ref served = join(env.name(Id::comma), env.attr(param, Id::applies_to).get());
-    cells[n++] = PyUnicode_GET_LENGTH(served.get()) ? served : Ref::borrow(shown(env, kAll));
-  }
-  cells[n++] = lookup(env, Id::description_cell)(param, prop);
-  Ref row = own(PyTuple_New(n));
-  for (int i = 0; i < n; ++i) PyTuple_SET_ITEM(row.get(), i, cells[i].release());
-  return row;
-}
-
-// The schema must name the tool's parameters, in the registry's order.
-void check_same_params(const Env& env, PyObject* tool, PyObject* properties) {
-  Ref schema_names = own(PySequence_List(properties));
-  Ref registry_names = collect(env.attr(tool, Id::all_params).get(),
-                               [&](PyObject* param) { return env.attr(param, Id::name); });
-  if (check(PyObject_RichCompareBool(schema_names.get(), registry_names.get(), Py_EQ))) return;
-  TextWriter message;
-  message.format(env.attr(tool, Id::name).get());
-  message.lit(": the CLI schema and the registry name different parameters");
-  PyErr_SetObject(PyExc_ValueError, message.finish().get());
-  raise();
-}
-
 Ref mcp_params_block_body(const Env& env, PyObject* const* args) {
   PyObject* tool = args[0];
   Ref schema = lookup(env, Id::get_cli_schema)(env.attr(tool, Id::name));
   Ref properties = subscript(schema.get(), env.name(Id::properties));
-  check_same_params(env, tool, properties.get());
+  Ref listed = own(PySequence_List(properties.get()));
+  Ref names = collect(env.attr(tool, Id::all_params).get(),
+                      [&](PyObject* param) { return env.attr(param, Id::name); });
+  if (compare(listed.get(), names.get(), Py_NE)) {
+    raise(PyExc_ValueError, fstr({env.attr(tool, Id::name),
+                                  ": the CLI schema and the registry name different parameters"}));
+  }
   Ref required = own(PySet_New(subscript(schema.get(), env.name(Id::required)).get()));
   bool has_actions = truth(env.attr(tool, Id::actions).get());
-  PyObject* header = shown(env, has_actions ? kParamsHeader : kPlainParamsHeader);
-  // Every row is built before the lines around the table and before `_table` is looked up.
+  PyObject* header =
+      env.header(has_actions ? "Parameter\tCLI\tType\tRequired\tDefault\tActions\tDescription"
+                             : "Parameter\tCLI\tType\tRequired\tDefault\tDescription");
+
   Ref rows = own(PyList_New(0));
   for_each(env.attr(tool, Id::all_params).get(), [&](PyObject* param) {
     Ref prop = subscript(properties.get(), env.attr(param, Id::name).get());
-    Ref row = param_row(env, param, prop.get(), required.get(), has_actions);
-    check(PyList_Append(rows.get(), row.get()));
+    append(rows,
+           tuple_of({lookup(env, Id::code)(env.attr(param, Id::name)),
+                     lookup(env, Id::code)(
+                         fstr({"--", lookup(env, Id::snake_to_kebab)(env.attr(param, Id::name))})),
+                     lookup(env, Id::type_cell)(prop),
+                     env.constant(contains(required, env.attr(param, Id::name)) ? "Yes" : "No"),
+                     lookup(env, Id::cell)(lookup(env, Id::default_cell)(param)),
+                     has_actions ? otherwise(join(env.name(Id::comma),
+                                                  env.attr(param, Id::applies_to).get()),
+                                             env.constant("all"))
+                                 : Ref(),
+                     lookup(env, Id::description_cell)(param, prop)}));
   });
-  LineJoiner out;
+  LineJoiner lines;
   if (has_actions) {
-    Ref listed = code_spans(env, env.attr(tool, Id::action_names).get(), " | ");
-    out.line(TextWriter().lit("**Actions:** ").str(listed.get()).finish().get());
-    out.line(env.name(Id::empty));
+    lines.line(add({env.constant("**Actions:** "),
+                    code_spans(env, env.attr(tool, Id::action_names).get(), " | ")}));
+    lines.line(env.name(Id::empty));
   }
-  out.line(shown(env, kParamsHeading));
-  out.line(env.name(Id::empty));
-  write_table(env, out, header, rows.get());
-  return out.finish();
+  lines.line(env.constant("#### Parameters"));
+  lines.line(env.name(Id::empty));
+  write_table(env, lines, header, rows.get());
+  return lines.finish();
 }
 
 // `text.replace(old, new)` for a one-byte str, one character by an ASCII text: the interpreter
@@ -404,32 +300,6 @@ Ref rules_block_body(const Env& env, PyObject* const*) {
 }
 
 }  // namespace
-
-Ref make_shown_texts() {
-  Ref texts = own(PyTuple_New(kShownCount));
-  auto set = [&](Shown which, Ref value) { PyTuple_SET_ITEM(texts.get(), which, value.release()); };
-  set(kOneCall, text("*(one call)*"));
-  set(kYes, text("Yes"));
-  set(kNo, text("No"));
-  set(kAll, text("all"));
-  set(kStars, text("**"));
-  set(kTiersTitle, text("**Tiers:**"));
-  set(kParamsHeading, text("#### Parameters"));
-  set(kCliNote,
-      text("Every parameter is an option of the same name in kebab-case (`token_budget` is "
-           "`--token-budget`), an array is a comma-separated list, and a boolean is `--flag` or "
-           "`--flag true|false`. `quenor-dorvan query <tool> --help` prints a tool's options with "
-           "their full texts and `quenor-dorvan query --schema` prints them all as JSON Schema."));
-  set(kSkillHeader, header_of({"Tool", "Actions", "Use for"}));
-  set(kReadmeHeader, header_of({"Tier", "Tool", "Actions", "Purpose"}));
-  set(kOverviewHeader, header_of({"#", "Tool", "Actions", "Tier", "Purpose"}));
-  set(kCliHeader, header_of({"Tool", "CLI usage"}));
-  set(kParamsHeader,
-      header_of({"Parameter", "CLI", "Type", "Required", "Default", "Actions", "Description"}));
-  set(kPlainParamsHeader,
-      header_of({"Parameter", "CLI", "Type", "Required", "Default", "Description"}));
-  return texts;
-}
 
 const FunctionDef kSkillToolsBlock(
     "skill_tools_block",

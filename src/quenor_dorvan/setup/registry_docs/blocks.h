@@ -19,8 +19,4 @@ extern const FunctionDef kLiteralText;
 extern const FunctionDef kSkillRoutesBlock;
 extern const FunctionDef kRulesBlock;
 
-// The texts and the table headers the renderers show, made once per module into its state (as a
-// function's constants are made once).
-Ref make_shown_texts();
-
 }  // namespace registry_docs

@@ -314,8 +314,8 @@ Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
                  std::initializer_list<PyObject*> bound, PyObject* running_builtins) {
   PyObject* globals = PyModule_GetDict(module);
   Ref builtins = builtins_for(state, globals, running_builtins);
-  Ref name = Ref::borrow(state.function_name(def.name));
-  Ref qualname = Ref::borrow(state.function_name(def.qualname ? def.qualname : def.name));
+  Ref name = Ref::borrow(state.constant(def.name));
+  Ref qualname = Ref::borrow(state.constant(def.qualname ? def.qualname : def.name));
   Ref module_name = own(PyModule_GetNameObject(module));
   Ref doc = def.doc ? text(def.doc) : Ref::borrow(Py_None);
 

@@ -82,7 +82,7 @@ class Global : public Ref {
   bool is(const FunctionDef& def) const;
   template <typename... Args>
   Ref operator()(const Args&... args) const {
-    return call_found(get(), {ptr(args)...});
+    return call_found(get(), {Obj(args).get()...});
   }
 };
 

@@ -91,34 +91,28 @@ Ref tier_tools_body(const Env& env, PyObject* const* args) {
   return result;
 }
 
-// `" and ".join(f"{len(_tier_tools(tier))} {tier}" for tier in _TIERS)`.
 Ref tier_counts_body(const Env& env, PyObject* const*) {
-  Ref pieces = collect(lookup(env, Id::TIERS).get(), [&](PyObject* tier) {
-    Py_ssize_t count = check_size(PyObject_Size(lookup(env, Id::tier_tools)(tier).get()));
-    return TextWriter().number(count).lit(" ").format(tier).finish();
+  Ref counts = collect(lookup(env, Id::TIERS).get(), [&](PyObject* tier) {
+    return fstr({len(lookup(env, Id::tier_tools)(tier)), " ", tier});
   });
-  return join(env.name(Id::and_sep), pieces.get());
+  return join(env.name(Id::and_sep), counts.get());
 }
 
 Ref actions_cell_body(const Env& env, PyObject* const* args) {
   Ref names = env.attr(args[0], Id::action_names);
-  if (!truth(names.get())) return Ref::borrow(args[1]);
-  return code_spans(env, names.get(), ", ");
+  return truth(names.get()) ? code_spans(env, names.get(), ", ") : Ref::borrow(args[1]);
 }
 
-// `" ".join(["quenor-dorvan query", snake_to_kebab(tool.name), *(f"--{snake_to_kebab(p.name)}
-// <{p.name}>" for p in tool.all_params if p.required)])`.
 Ref cli_usage_body(const Env& env, PyObject* const* args) {
   PyObject* tool = args[0];
   JoinWriter words(" ");
-  words.start()->lit("quenor-dorvan query");
-  words.item(lookup(env, Id::snake_to_kebab)(env.attr(tool, Id::name)).get());
-  for_each(env.attr(tool, Id::all_params).get(), [&](PyObject* param) {
-    if (!truth(env.attr(param, Id::required).get())) return;
-    TextWriter word;
-    word.lit("--").format(lookup(env, Id::snake_to_kebab)(env.attr(param, Id::name)).get());
-    word.lit(" <").format(env.attr(param, Id::name).get()).lit(">");
-    words.item(word.finish().get());
+  words.item(env.constant("quenor-dorvan query"));
+  words.item(lookup(env, Id::snake_to_kebab)(env.attr(tool, Id::name)));
+  for_each(env.attr(tool, Id::all_params).get(), [&](PyObject* p) {
+    if (truth(env.attr(p, Id::required).get())) {
+      words.item(fstr({"--", lookup(env, Id::snake_to_kebab)(env.attr(p, Id::name)), " <",
+                       env.attr(p, Id::name), ">"}));
+    }
   });
   return words.finish();
 }
@@ -129,7 +123,7 @@ Ref code_spans(const Env& env, PyObject* iterable, const char* separator, bool b
   JoinWriter spans(separator);
   for_each(iterable, [&](PyObject* item) {
     Global code = lookup(env, Id::code);
-    spans.item((by_name ? code(env.attr(item, Id::name)) : code(item)).get());
+    spans.item(by_name ? code(env.attr(item, Id::name)) : code(item));
   });
   return spans.finish();
 }

@@ -48,12 +48,9 @@ Ref repeated_names(PyObject* found) {
   Ref missing = sorted_difference(expected, found);
   Ref unknown = sorted_difference(found, expected);
   Ref repeated = sorted_list(repeated_names(found).get());
-  TextWriter out;
-  out.format(env.attr(generated, Id::path).get());
-  out.lit(": the markers do not match the blocks it holds (missing ").format(missing.get());
-  out.lit(", unknown ").format(unknown.get()).lit(", repeated ").format(repeated.get()).lit(")");
-  PyErr_SetObject(PyExc_ValueError, out.finish().get());
-  raise();
+  raise(PyExc_ValueError, fstr({env.attr(generated, Id::path),
+                                ": the markers do not match the blocks it holds (missing ", missing,
+                                ", unknown ", unknown, ", repeated ", repeated, ")"}));
 }
 
 // `generated.encode(renderers[match["name"]]())`, read in that order; the closure of `render`
@@ -144,9 +141,8 @@ Ref stale_line(const Env& env, PyObject* generated, PyObject* text, PyObject* re
   Ref old_blocks = lookup(env, Id::blocks_)(text);
   Ref new_blocks = lookup(env, Id::blocks_)(rendered);
   Ref stale = stale_names(env, old_blocks.get(), new_blocks.get());
-  TextWriter out;
-  out.format(env.attr(generated, Id::path).get()).lit(": blocks out of date: ");
-  return out.str(join(env.name(Id::comma), stale.get()).get()).finish();
+  return fstr({env.attr(generated, Id::path),
+               ": blocks out of date: ", join(env.name(Id::comma), stale.get())});
 }
 
 // The file's problem line, or null when it is current: a value error while rendering becomes

@@ -390,9 +390,9 @@ PyType_Spec rows_type_spec = {"registry_docs.table_rows", sizeof(Lazy), 0, kLazy
 PyType_Spec row_type_spec = {"registry_docs.table_row", sizeof(Lazy), 0, kLazyFlags,
                              lazy_slots<row_next>};
 
-Ref lazy_rows(const Env& env, Ref tools, RowOf row) {
+Ref lazy_rows(const Env& env, Obj tools, RowOf row) {
   return make_lazy(env.state->rows_type.get(), env.module, env.state->object, env.builtins,
-                   std::move(tools), row, 0);
+                   own(PyObject_GetIter(tools.get())), row, 0);
 }
 
 void LineJoiner::lines(PyObject* iterable) {

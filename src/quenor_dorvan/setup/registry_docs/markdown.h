@@ -19,7 +19,7 @@ extern PyType_Spec row_type_spec;
 class LineJoiner : public JoinWriter {
  public:
   LineJoiner() : JoinWriter("\n") {}
-  void line(PyObject* text) { item(text); }
+  void line(Obj text) { item(text); }
   void lines(PyObject* iterable);  // every item of an iterable, as `*iterable` spreads it
 };
 
@@ -29,8 +29,8 @@ class LineJoiner : public JoinWriter {
 // the cell is read, however late.
 using RowOf = Ref (*)(const Env& env, PyObject* tool, Py_ssize_t number, int cell);
 
-// `(row(number, tool) for number, tool in enumerate(tools, 1))`, with `tools` an iterator.
-Ref lazy_rows(const Env& env, Ref tools, RowOf row);
+// `(row(number, tool) for number, tool in enumerate(tools, 1))`.
+Ref lazy_rows(const Env& env, Obj tools, RowOf row);
 
 // Appends `*_table(header, rows)` to `out`, with `_table` and `_row` as bound now; our own
 // `_table` and `_row` write the lines straight into it.

@@ -144,7 +144,6 @@ void run_module_body(PyObject* module) {
   state.function_type = type_from(module, function_type_spec);
   state.rows_type = type_from(module, rows_type_spec);
   state.row_type = type_from(module, row_type_spec);
-  state.shown = make_shown_texts();
   bookkeeping(globals);
   // The file its functions' code names, as a def's names the file it was compiled from; without
   // one, the name code run from a string gets.

@@ -24,7 +24,6 @@ int state_traverse(PyObject* self, visitproc visit, void* arg) {
   Py_VISIT(state.function_type.get());
   Py_VISIT(state.rows_type.get());
   Py_VISIT(state.row_type.get());
-  Py_VISIT(state.shown.get());
   Py_VISIT(state.file.get());
   return 0;
 }
@@ -35,7 +34,6 @@ int state_clear(PyObject* self) {
   state.function_type = Ref();
   state.rows_type = Ref();
   state.row_type = Ref();
-  state.shown = Ref();
   state.file = Ref();
   return 0;
 }
@@ -66,12 +64,15 @@ PyType_Spec state_spec = {
 
 }  // namespace
 
-PyObject* State::function_name(const char* text) const {
-  for (const auto& [known, name] : function_names_) {
-    if (known == text) return name.get();
+PyObject* State::constant(const char* text, bool header) const {
+  Ref& value = constants_[header][text];
+  if (!value) {
+    Ref made = own(PyUnicode_InternFromString(text));
+    if (header)
+      made = own(PyList_AsTuple(own(PyUnicode_Split(made.get(), name(Id::tab), -1)).get()));
+    value = std::move(made);
   }
-  function_names_.emplace_back(text, own(PyUnicode_InternFromString(text)));
-  return function_names_.back().second.get();
+  return value.get();
 }
 
 State& state_of(PyObject* state_object) {

@@ -2,8 +2,8 @@
 // the types it made. Every function object and every lazy row reaches it; nothing is kept per
 // process, so each interpreter that imports the module has its own.
 #pragma once
+#include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "py.h"
 
@@ -97,6 +97,7 @@ namespace registry_docs {
   X(empty, "")                                                \
   X(space, " ")                                               \
   X(newline, "\n")                                            \
+  X(tab, "\t")                                                \
   X(comma, ", ")                                              \
   X(and_sep, " and ")                                         \
   X(bar, "|")                                                 \
@@ -123,16 +124,17 @@ struct State {
   Ref function_type;           // the module's function type
   Ref rows_type;               // the lazy rows a replaced `_table` reads
   Ref row_type;                // one lazy row
-  Ref shown;                   // the texts and headers the block renderers show
   Ref file;                    // the module's file as its body ran: its functions' code names it
   PyObject* object = nullptr;  // the object this state lives in, for what must keep it alive
 
   PyObject* name(Id id) const { return names[static_cast<int>(id)].get(); }
-  // A function's name or qualified name, interned once: a closure is made per tool and call.
-  PyObject* function_name(const char* text) const;
+  // A constant of the code, by the text that states it, made once: the same object at each call, as
+  // a def's constants are. A str (interned, as the names of functions are), or with `header` a
+  // tuple of the titles the text separates with tabs.
+  PyObject* constant(const char* text, bool header = false) const;
 
  private:
-  mutable std::vector<std::pair<const char*, Ref>> function_names_;  // by the definition's text
+  mutable std::unordered_map<const char*, Ref> constants_[2];  // strs, headers
 };
 
 // Makes the state object of a module being executed, with its interned names; the module body
@@ -151,6 +153,8 @@ struct Env {
 
   PyObject* name(Id id) const { return state->name(id); }
   PyObject* marker() const { return state->marker.get(); }
+  PyObject* constant(const char* text) const { return state->constant(text); }
+  PyObject* header(const char* titles) const { return state->constant(titles, true); }
   // `obj.attr` for a name of the table.
   Ref attr(PyObject* obj, Id id) const { return getattr(obj, name(id)); }
   Ref method(PyObject* obj, Id id, std::initializer_list<PyObject*> args) const {

@@ -1,5 +1,7 @@
 #include "py.h"
 
+#include <algorithm>
+
 #include "compat.h"
 
 namespace registry_docs {
@@ -34,6 +36,31 @@ Ref mapping_get(PyObject* mapping, PyObject* key, PyObject* get_method_name, PyO
   PyObject* found = nullptr;
   if (check(compat::dict_get_ref(mapping, key, &found))) return Ref::steal(found);
   return Ref::borrow(fallback ? fallback : Py_None);
+}
+
+Ref tuple_of(std::initializer_list<Obj> items) {
+  auto given = [](Obj item) { return item.get() != nullptr; };
+  Ref tuple = own(PyTuple_New(std::count_if(items.begin(), items.end(), given)));
+  Py_ssize_t size = 0;
+  for (Obj item : items) {
+    if (given(item)) PyTuple_SET_ITEM(tuple.get(), size++, Py_NewRef(item.get()));
+  }
+  return tuple;
+}
+
+Ref add(std::initializer_list<Obj> operands) {
+  Ref sum = Ref::borrow(operands.begin()->get());
+  for (const Obj* operand = operands.begin() + 1; operand != operands.end(); ++operand) {
+    sum = own(PyNumber_Add(sum.get(), operand->get()));
+  }
+  return sum;
+}
+
+bool ends_with(PyObject* text, PyObject* suffix, PyObject* endswith_method_name) {
+  if (PyUnicode_CheckExact(text)) {
+    return check_size(PyUnicode_Tailmatch(text, suffix, 0, PY_SSIZE_T_MAX, 1)) != 0;
+  }
+  return truth(call_method(text, endswith_method_name, {suffix}).get());
 }
 
 void join_type_error(Py_ssize_t index, PyObject* item) {

@@ -58,12 +58,22 @@ class Ref {
   PyObject* obj_ = nullptr;
 };
 
-// The object an argument stands for, whether it is given as a handle or as a plain pointer.
-inline PyObject* ptr(PyObject* obj) {
-  return obj;
-}
-inline PyObject* ptr(const Ref& ref) {
-  return ref.get();
+// An object given as a handle or as a plain pointer, borrowed for the length of a call: a handle
+// made in the call's arguments lives until the whole expression is done.
+class Obj {
+ public:
+  Obj(PyObject* obj) : obj_(obj) {}  // NOLINT(google-explicit-constructor): both forms are meant
+  Obj(const Ref& ref) : obj_(ref.get()) {}  // NOLINT(google-explicit-constructor)
+  PyObject* get() const { return obj_; }
+
+ private:
+  PyObject* obj_;
+};
+
+// Raises `type(message)`.
+[[noreturn]] inline void raise(PyObject* type, Obj message) {
+  PyErr_SetObject(type, message.get());
+  raise();
 }
 
 // Takes over the result of a C API call that returns a new reference, or null with an exception
@@ -124,6 +134,19 @@ inline Ref subscript(PyObject* obj, PyObject* key) {
 Ref mapping_get(PyObject* mapping, PyObject* key, PyObject* get_method_name,
                 PyObject* fallback = nullptr);
 
+// `(a, b, ...)`, its items evaluated left to right as a braced list is; a null item is left out,
+// as `*()` spreads nothing.
+Ref tuple_of(std::initializer_list<Obj> items);
+// `a + b + ...`, the operands evaluated left to right as a braced list is, and then added.
+Ref add(std::initializer_list<Obj> operands);
+// `len(obj)`.
+inline Py_ssize_t len(Obj obj) {
+  return check_size(PyObject_Size(obj.get()));
+}
+
+// `text.endswith(suffix)`; an exact str's own test is made without a method call.
+bool ends_with(PyObject* text, PyObject* suffix, PyObject* endswith_method_name);
+
 inline Ref text(const char* utf8) {
   return own(PyUnicode_FromString(utf8));
 }
@@ -133,6 +156,18 @@ inline Ref str_of(PyObject* obj) {
 // `bool(obj)`.
 inline bool truth(PyObject* obj) {
   return check(PyObject_IsTrue(obj)) != 0;
+}
+// `value or fallback`.
+inline Ref otherwise(Ref value, Obj fallback) {
+  return truth(value.get()) ? value : Ref::borrow(fallback.get());
+}
+// `item in container`.
+inline bool contains(Obj container, Obj item) {
+  return check(PySequence_Contains(container.get(), item.get())) != 0;
+}
+// `list.append(item)` for a list.
+inline void append(Obj list, Obj item) {
+  check(PyList_Append(list.get(), item.get()));
 }
 // `bool(a <op> b)` without the identity shortcut of PyObject_RichCompareBool: `==` on host objects
 // must reach their own comparison.

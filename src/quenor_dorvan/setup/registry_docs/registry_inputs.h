@@ -12,9 +12,4 @@ inline constexpr char kHostImports[] =
     "from quenor_dorvan.tool_schemas import get_cli_schema, snake_to_kebab\n"
     "from quenor_dorvan.workers.api_endpoints import ENDPOINT_FRAMEWORKS\n";
 
-// `len(TOOLS)`.
-inline Py_ssize_t tool_count(const Env& env) {
-  return check_size(PyObject_Size(lookup(env, Id::TOOLS).get()));
-}
-
 }  // namespace registry_docs

@@ -192,15 +192,6 @@ TextWriter& TextWriter::ascii_slow(const char* text, Py_ssize_t size) {
   return *this;
 }
 
-TextWriter& TextWriter::format(PyObject* value) {
-  if (PyUnicode_CheckExact(value)) return str(value);
-  return str(own(PyObject_Format(value, nullptr)).get());
-}
-
-TextWriter& TextWriter::number(Py_ssize_t n) {
-  return str(str_of(own(PyLong_FromSsize_t(n)).get()).get());
-}
-
 TextWriter& TextWriter::substring_slow(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
   if (start >= end) return *this;
   check(PyUnicode_READY(text));
@@ -230,6 +221,24 @@ Ref TextWriter::finish() {
   return result;
 }
 
+Piece::Piece(PyObject* value)
+    : text_(PyUnicode_CheckExact(value) ? Ref::borrow(value)
+                                        : own(PyObject_Format(value, nullptr))) {}
+
+Piece::Piece(Py_ssize_t number) : text_(str_of(own(PyLong_FromSsize_t(number)).get())) {}
+
+Ref fstr(std::initializer_list<Piece> pieces) {
+  TextWriter out;
+  for (const Piece& piece : pieces) {
+    if (piece.ascii_) {
+      out.ascii(piece.ascii_, piece.size_);
+    } else {
+      out.str(piece.text_.get());
+    }
+  }
+  return out.finish();
+}
+
 JoinWriter::JoinWriter(const char* separator)
     : separator_(separator), separator_size_(static_cast<Py_ssize_t>(strlen(separator))) {}
 
@@ -240,13 +249,13 @@ TextWriter* JoinWriter::start() {
   return &writer_;
 }
 
-void JoinWriter::item(PyObject* text) {
-  if (bad_index_ < 0 && !PyUnicode_Check(text)) {
+void JoinWriter::item(Obj text) {
+  if (bad_index_ < 0 && !PyUnicode_Check(text.get())) {
     bad_index_ = count_++;
-    bad_item_ = Ref::borrow(text);
+    bad_item_ = Ref::borrow(text.get());
     return;
   }
-  if (TextWriter* out = start()) out->str(text);
+  if (TextWriter* out = start()) out->str(text.get());
 }
 
 Ref JoinWriter::finish() {

@@ -36,9 +36,6 @@ class TextWriter {
   TextWriter& lit(const char (&text)[N]) {
     return ascii(text, N - 1);
   }
-  // What an f-string writes for a replacement field without a spec: `format(value)`.
-  TextWriter& format(PyObject* value);
-  TextWriter& number(Py_ssize_t n);
   TextWriter& substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
     // The common case inline: one-byte characters, no wider than those written so far, and room.
     // (Nothing written yet takes the other path, which may keep a whole str as it is.)
@@ -106,13 +103,35 @@ class TextWriter {
   Ref sole_;  // the first piece while it is a whole exact str alone, not yet copied
 };
 
+// One piece of an f-string: ASCII text as written, or a value as `format(value)` gives it when the
+// piece is made. In a braced list each piece is made before the next is evaluated, as an f-string
+// formats each field before it evaluates the next.
+class Piece {
+ public:
+  template <size_t N>
+  Piece(const char (&text)[N])  // NOLINT(google-explicit-constructor): as an f-string states it
+      : ascii_(text), size_(static_cast<Py_ssize_t>(N - 1)) {}
+  Piece(PyObject* value);                          // NOLINT(google-explicit-constructor)
+  Piece(const Ref& value) : Piece(value.get()) {}  // NOLINT(google-explicit-constructor)
+  Piece(Py_ssize_t number);                        // NOLINT(google-explicit-constructor)
+
+ private:
+  friend Ref fstr(std::initializer_list<Piece> pieces);
+  const char* ascii_ = nullptr;
+  Py_ssize_t size_ = 0;
+  Ref text_;
+};
+
+// `f"..."` of its pieces, in order.
+Ref fstr(std::initializer_list<Piece> pieces);
+
 // Writes `separator.join(items)` item by item into one str. An item that is not a str is reported
 // as join reports it, and only once every item has been given (join sees them all first).
 class JoinWriter {
  public:
   explicit JoinWriter(const char* separator);
   // One whole item.
-  void item(PyObject* text);
+  void item(Obj text);
   // Starts the next item and gives the writer for its pieces; null once an earlier item was not a
   // str, when the remaining items are only counted.
   TextWriter* start();
