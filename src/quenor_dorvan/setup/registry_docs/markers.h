@@ -12,6 +12,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace registry_docs {
@@ -45,27 +48,6 @@ bool at(const Char* text, std::ptrdiff_t size, std::ptrdiff_t pos, const char (&
   if (size - pos < length(word)) return false;
   for (std::ptrdiff_t i = 0; i < length(word); ++i) {
     if (text[pos + i] != static_cast<unsigned char>(word[i])) return false;
-  }
-  return true;
-}
-
-// A name's hash over its code units: FNV-1a with a final mix, so that the low bits the table
-// uses depend on every unit.
-template <typename Char>
-std::uint64_t name_hash(const Char* name, std::ptrdiff_t size) {
-  std::uint64_t hash = 14695981039346656037ull;
-  for (std::ptrdiff_t i = 0; i < size; ++i) {
-    hash = (hash ^ static_cast<std::uint64_t>(name[i])) * 1099511628211ull;
-  }
-  hash ^= hash >> 33;
-  hash *= 0xff51afd7ed558ccdull;
-  return hash ^ (hash >> 33);
-}
-
-template <typename Char>
-bool same_name(const Char* a, const Char* b, std::ptrdiff_t size) {
-  for (std::ptrdiff_t i = 0; i < size; ++i) {
-    if (a[i] != b[i]) return false;
   }
   return true;
 }
@@ -108,70 +90,6 @@ void find_markers(const Char* text, std::ptrdiff_t size, IsWord is_word, std::ve
   }
 }
 
-// The close markers of each name, in text order: an open-addressing table from name to a list
-// threaded through `next_`, and a cursor per name that only moves forward.
-template <typename Char>
-class CloseIndex {
- public:
-  static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
-
-  CloseIndex(const Char* text, const std::vector<Marker>& closes) : text_(text), closes_(closes) {
-    std::size_t capacity = 16;
-    while (capacity < 2 * closes.size()) capacity *= 2;
-    mask_ = capacity - 1;
-    slots_.assign(capacity, kNone);
-    cursors_.assign(capacity, kNone);  // the last close of each name, while threading
-    next_.assign(closes.size(), kNone);
-    for (std::size_t i = 0; i < closes.size(); ++i) {
-      bool found = false;
-      std::size_t slot = find_slot(closes[i], found);
-      if (found) {
-        next_[cursors_[slot]] = i;
-      } else {
-        slots_[slot] = i;
-      }
-      cursors_[slot] = i;
-    }
-    cursors_ = slots_;  // from now on: the first close of each name not yet passed
-  }
-
-  // The first close marker with the open marker's name that starts at or after `pos`, or kNone.
-  // Successive calls for one name must not ask for an earlier position.
-  std::size_t first_close(const Marker& open, std::ptrdiff_t pos) {
-    bool found = false;
-    std::size_t slot = find_slot(open, found);
-    if (!found) return kNone;
-    std::size_t& cursor = cursors_[slot];
-    while (cursor != kNone && closes_[cursor].start < pos) cursor = next_[cursor];
-    return cursor;
-  }
-
- private:
-  std::size_t find_slot(const Marker& marker, bool& found) const {
-    std::ptrdiff_t size_of_name = marker.name_end - marker.name_start;
-    std::size_t slot = static_cast<std::size_t>(name_hash(text_ + marker.name_start, size_of_name));
-    for (slot &= mask_;; slot = (slot + 1) & mask_) {
-      if (slots_[slot] == kNone) {
-        found = false;
-        return slot;
-      }
-      const Marker& held = closes_[slots_[slot]];
-      if (held.name_end - held.name_start == size_of_name &&
-          same_name(text_ + held.name_start, text_ + marker.name_start, size_of_name)) {
-        found = true;
-        return slot;
-      }
-    }
-  }
-
-  const Char* text_;
-  const std::vector<Marker>& closes_;
-  std::size_t mask_ = 0;
-  std::vector<std::size_t> slots_;    // first close of the name in the slot
-  std::vector<std::size_t> cursors_;  // per slot
-  std::vector<std::size_t> next_;     // the next close of the same name
-};
-
 }  // namespace markers
 
 // Appends the blocks of `text` to `blocks`, in text order. `is_word(c)` says whether code point c
@@ -183,15 +101,30 @@ void scan_markers(const Char* text, std::ptrdiff_t size, IsWord is_word,
   std::vector<Marker> opens;
   std::vector<Marker> closes;
   find_markers(text, size, is_word, opens, closes);
-  if (opens.empty() || closes.empty()) return;
-  CloseIndex<Char> index(text, closes);
+  // The close markers of each name, in text order: the first and last of each name, the next of
+  // the same name after each; the first is then the cursor that only moves forward.
+  auto name_of = [text](const Marker& marker) {  // its code units' bytes
+    return std::string_view(
+        reinterpret_cast<const char*>(text + marker.name_start),
+        static_cast<std::size_t>(marker.name_end - marker.name_start) * sizeof(Char));
+  };
+  constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+  std::unordered_map<std::string_view, std::pair<std::size_t, std::size_t>> by_name;
+  std::vector<std::size_t> next(closes.size(), kNone);
+  for (std::size_t i = 0; i < closes.size(); ++i) {
+    auto [found, added] = by_name.try_emplace(name_of(closes[i]), i, i);
+    if (!added) next[std::exchange(found->second.second, i)] = i;
+  }
   std::ptrdiff_t resume = 0;  // where the search goes on after the last block found
   for (const Marker& open : opens) {
     if (open.start < resume) continue;  // inside the previous block: body text
     std::ptrdiff_t body_start = open.name_end + length(kOpenEnd);
-    std::size_t found = index.first_close(open, body_start);
-    if (found == CloseIndex<Char>::kNone) continue;  // unclosed: skipped
-    const Marker& close = closes[found];
+    auto found = by_name.find(name_of(open));
+    if (found == by_name.end()) continue;
+    std::size_t& cursor = found->second.first;
+    while (cursor != kNone && closes[cursor].start < body_start) cursor = next[cursor];
+    if (cursor == kNone) continue;  // unclosed: skipped
+    const Marker& close = closes[cursor];
     std::ptrdiff_t close_end = close.name_end + length(kCloseEnd);
     blocks.push_back(
         {open.start, open.name_start, open.name_end, body_start, close.start, close_end});
