@@ -13,64 +13,6 @@ namespace registry_docs {
 
 namespace {
 
-// `_cell` of a str in two passes: the first measures the result (length, widest character, whether
-// anything changes), the second writes it into a str of exactly that size and kind.
-template <typename Char>
-struct CellPlan {
-  Py_ssize_t length = 0;
-  Py_UCS4 widest = 0;
-  bool changed = false;
-};
-
-template <typename Char>
-CellPlan<Char> plan_cell(const Char* data, Py_ssize_t size) {
-  CellPlan<Char> plan;
-  bool first = true;
-  Py_ssize_t i = 0;
-  while (true) {
-    Py_ssize_t gap = i;
-    while (i < size && Py_UNICODE_ISSPACE(data[i])) ++i;
-    if (i == size) {
-      plan.changed |= i != gap;  // whitespace at the end, or a text of whitespace only
-      return plan;
-    }
-    if (first) {
-      plan.changed |= i != gap;  // whitespace at the start
-    } else {
-      plan.changed |= i - gap != 1 || data[gap] != ' ';
-      plan.length += 1;
-      plan.widest = std::max<Py_UCS4>(plan.widest, ' ');
-    }
-    first = false;
-    for (; i < size && !Py_UNICODE_ISSPACE(data[i]); ++i) {
-      Py_UCS4 c = data[i];
-      if (c == '|') {
-        plan.changed = true;
-        plan.length += 2;
-      } else {
-        plan.length += 1;
-      }
-      plan.widest = std::max(plan.widest, c);
-    }
-  }
-}
-
-template <typename Out, typename Char>
-void fill_cell(Out* out, const Char* data, Py_ssize_t size) {
-  Py_ssize_t i = 0;
-  bool first = true;
-  while (true) {
-    while (i < size && Py_UNICODE_ISSPACE(data[i])) ++i;
-    if (i == size) return;
-    if (!first) *out++ = ' ';
-    first = false;
-    for (; i < size && !Py_UNICODE_ISSPACE(data[i]); ++i) {
-      if (data[i] == '|') *out++ = '\\';
-      *out++ = static_cast<Out>(data[i]);
-    }
-  }
-}
-
 // The characters below 256 that `_cell` may change: whitespace and the bar.
 const std::array<bool, 256>& cell_specials() {
   static const std::array<bool, 256> table = [] {
@@ -125,44 +67,32 @@ bool cell_unchanged(const Char* data, Py_ssize_t size) {
   return true;
 }
 
-// `_cell` of an ASCII text that changes, in one pass into a buffer of the largest size it can take.
-Ref ascii_cell(const Py_UCS1* data, Py_ssize_t size) {
+// `_cell` of a text that changes, in one pass into a buffer of the largest size it can take; the
+// result gets the narrowest kind that holds its characters.
+template <typename Char>
+Ref changed_cell(const Char* data, Py_ssize_t size) {
   const std::array<bool, 256>& specials = cell_specials();
-  std::vector<char> buffer(static_cast<size_t>(size) * 2);
-  char* out = buffer.data();
+  std::vector<Char> buffer(static_cast<size_t>(size) * 2);
+  Char* out = buffer.data();
   bool gap = false;
   for (Py_ssize_t i = 0; i < size; ++i) {
-    Py_UCS1 c = data[i];
-    if (specials[c] && c != '|') {
+    Char c = data[i];
+    if (c != '|' && (c < 256 ? specials[c] : Py_UNICODE_ISSPACE(c))) {
       gap = true;
       continue;
     }
     if (gap && out != buffer.data()) *out++ = ' ';
     gap = false;
     if (c == '|') *out++ = '\\';
-    *out++ = static_cast<char>(c);
+    *out++ = c;
   }
-  Py_ssize_t length = out - buffer.data();
-  Ref result = own(PyUnicode_New(length, 127));
-  memcpy(PyUnicode_1BYTE_DATA(result.get()), buffer.data(), static_cast<size_t>(length));
-  return result;
+  return own(PyUnicode_FromKindAndData(sizeof(Char), buffer.data(), out - buffer.data()));
 }
 
 template <typename Char>
 Ref cell_of_kind(PyObject* text, const Char* data, Py_ssize_t size) {
   if (cell_unchanged(data, size)) return Ref::borrow(text);
-  if constexpr (sizeof(Char) == 1) {
-    if (PyUnicode_IS_ASCII(text)) return ascii_cell(data, size);
-  }
-  CellPlan<Char> plan = plan_cell(data, size);
-  if (!plan.changed) return Ref::borrow(text);
-  Ref result = own(PyUnicode_New(plan.length, plan.widest));
-  switch (PyUnicode_KIND(result.get())) {
-    case PyUnicode_1BYTE_KIND: fill_cell(PyUnicode_1BYTE_DATA(result.get()), data, size); break;
-    case PyUnicode_2BYTE_KIND: fill_cell(PyUnicode_2BYTE_DATA(result.get()), data, size); break;
-    default: fill_cell(PyUnicode_4BYTE_DATA(result.get()), data, size); break;
-  }
-  return result;
+  return changed_cell(data, size);
 }
 
 // `_cell` of a str.
