@@ -3,6 +3,7 @@
 #include <structmember.h>
 
 #include <algorithm>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -13,72 +14,73 @@ namespace registry_docs {
 
 namespace {
 
+// What a function object holds, every reference with its owner: those the collector may clear,
+// and apart from them those that stay until the object goes (its repr and reduce read them).
+struct Held {
+  Ref module;
+  Ref globals;
+  Ref state;                           // the module's state object
+  Ref builtins;                        // taken when made, as a def takes them
+  Ref bound[FunctionDef::kMaxValues];  // a closure's values, inline until a caller asks for cells
+  Ref closure;                         // the cells, once asked for: they then hold the values
+  Ref binder;                          // a def of the same signature, made when first needed
+  Ref signature;
+  Ref dict;  // a caller's own attributes, made when first set (the interpreter's slot)
+};
+
+struct Fields {
+  const FunctionDef* def;
+  Ref name;
+  Ref qualname;
+  Ref module_name;
+  Ref doc;
+  Held held;
+};
+
 struct FunctionObject {
   PyObject ob_base;
   vectorcallfunc vectorcall;
-  const FunctionDef* def;
-  PyObject* module;
-  PyObject* globals;
-  PyObject* state;                           // the module's state object
-  PyObject* builtins;                        // taken when made, as a def takes them
-  PyObject* bound[FunctionDef::kMaxValues];  // a closure's values, held inline until a caller asks
-                                             // for its cells
-  PyObject* closure;                         // the cells, once asked for: they then hold the values
-  PyObject* name;
-  PyObject* qualname;
-  PyObject* module_name;
-  PyObject* doc;
-  PyObject* binder;  // a def of the same signature, made when first needed
-  PyObject* signature;
-  PyObject* weakrefs;
-  PyObject* dict;  // a caller's own attributes, made when first set
+  PyObject* weakrefs;  // the interpreter's list of weak references, not a reference
+  Fields f;
 };
 
+Fields& fields_of(PyObject* self) {
+  return reinterpret_cast<FunctionObject*>(self)->f;
+}
+const Fields& fields_of(const PyObject* self) {
+  return reinterpret_cast<const FunctionObject*>(self)->f;
+}
+
 int function_traverse(PyObject* self, visitproc visit, void* arg) {
-  auto* f = reinterpret_cast<FunctionObject*>(self);
+  const Held& held = fields_of(self).held;
   Py_VISIT(Py_TYPE(self));
-  Py_VISIT(f->module);
-  Py_VISIT(f->globals);
-  Py_VISIT(f->state);
-  Py_VISIT(f->builtins);
-  for (PyObject* value : f->bound) Py_VISIT(value);
-  Py_VISIT(f->closure);
-  Py_VISIT(f->binder);
-  Py_VISIT(f->signature);
-  Py_VISIT(f->dict);
+  static_assert(FunctionDef::kMaxValues == 2, "every bound value is visited");
+  for (const Ref* ref :
+       {&held.module, &held.globals, &held.state, &held.builtins, &held.bound[0], &held.bound[1],
+        &held.closure, &held.binder, &held.signature, &held.dict}) {
+    Py_VISIT(ref->get());
+  }
   return 0;
 }
 
 int function_clear(PyObject* self) {
-  auto* f = reinterpret_cast<FunctionObject*>(self);
-  Py_CLEAR(f->module);
-  Py_CLEAR(f->globals);
-  Py_CLEAR(f->state);
-  Py_CLEAR(f->builtins);
-  for (PyObject*& value : f->bound) Py_CLEAR(value);
-  Py_CLEAR(f->closure);
-  Py_CLEAR(f->binder);
-  Py_CLEAR(f->signature);
-  Py_CLEAR(f->dict);
+  Held gone = std::move(fields_of(self).held);  // each field null before its old value goes
   return 0;
 }
 
 void function_dealloc(PyObject* self) {
-  auto* f = reinterpret_cast<FunctionObject*>(self);
   PyTypeObject* type = Py_TYPE(self);
   PyObject_GC_UnTrack(self);
-  if (f->weakrefs) PyObject_ClearWeakRefs(self);
-  function_clear(self);
-  Py_CLEAR(f->name);
-  Py_CLEAR(f->qualname);
-  Py_CLEAR(f->module_name);
-  Py_CLEAR(f->doc);
+  if (reinterpret_cast<FunctionObject*>(self)->weakrefs) PyObject_ClearWeakRefs(self);
+  fields_of(self).~Fields();
   PyObject_GC_Del(self);
   Py_DECREF(type);
 }
 
-inline Env env_of(const FunctionObject* f) {
-  return Env{&state_of(f->state), f->module, f->globals, f->builtins, &f->ob_base};
+Env env_of(const PyObject* self) {
+  const Held& held = fields_of(self).held;
+  return Env{&state_of(held.state.get()), held.module.get(), held.globals.get(),
+             held.builtins.get(), self};
 }
 
 // Leaves the interpreter's recursion depth as it found it, however the body ends.
@@ -90,14 +92,15 @@ class RecursionGuard {
   RecursionGuard& operator=(const RecursionGuard&) = delete;
 };
 
-Ref run_body(const FunctionObject* f, PyObject* const* args) {
+Ref run_body(const PyObject* self, PyObject* const* args) {
   RecursionGuard guard;
-  if (!f->def->nfree) return f->def->body(env_of(f), args);
+  const Fields& f = fields_of(self);
+  if (!f.def->nfree) return f.def->body(env_of(self), args);
   // A closure's body reads its values after its arguments.
   PyObject* all[2 * FunctionDef::kMaxValues];
-  std::copy_n(args, f->def->nparams, all);
-  std::copy_n(f->bound, f->def->nfree, all + f->def->nparams);
-  return f->def->body(env_of(f), all);
+  std::copy_n(args, f.def->nparams, all);
+  for (int i = 0; i < f.def->nfree; ++i) all[f.def->nparams + i] = f.held.bound[i].get();
+  return f.def->body(env_of(self), all);
 }
 
 // The source of a def with the function's parameters, annotation texts and qualified name, that
@@ -131,63 +134,65 @@ std::string binder_source(const FunctionDef& def) {
 // The def that stands for the function wherever a def's own behaviour is the answer: binding
 // arguments other than plain positional ones, with the interpreter's own errors, the annotations
 // and signature it shows, and its code, which names the module's file as a def's does.
-PyObject* binder_of(FunctionObject* f) {
-  if (!f->binder) {
+PyObject* binder_of(Fields& f) {
+  if (!f.held.binder) {
     PyCompilerFlags flags = {CO_FUTURE_ANNOTATIONS, PY_MINOR_VERSION};
-    Ref code = own(Py_CompileStringObject(
-        binder_source(*f->def).c_str(), state_of(f->state).file.get(), Py_file_input, &flags, -1));
+    Ref code = own(Py_CompileStringObject(binder_source(*f.def).c_str(),
+                                          state_of(f.held.state.get()).file.get(), Py_file_input,
+                                          &flags, -1));
     Ref globals = own(Py_BuildValue("{sO}", "__builtins__", PyEval_GetBuiltins()));
     own(PyEval_EvalCode(code.get(), globals.get(), globals.get()));
-    f->binder = subscript(globals.get(), text("binder").get()).release();
+    f.held.binder = subscript(globals.get(), text("binder").get());
   }
-  return f->binder;
+  return f.held.binder.get();
 }
 
 PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf,
                               PyObject* kwnames) {
-  auto* f = reinterpret_cast<FunctionObject*>(self);
+  Fields& f = fields_of(self);
   // The boundary of the error channel: a body throws, its caller gets null.
   return guarded(
       [&] {
-        if (!kwnames && PyVectorcall_NARGS(nargsf) == f->def->nparams) {
-          return run_body(f, args).release();
+        if (!kwnames && PyVectorcall_NARGS(nargsf) == f.def->nparams) {
+          return run_body(self, args).release();
         }
         Ref bound = own(PyObject_Vectorcall(binder_of(f), args, nargsf, kwnames));
-        return run_body(f, PySequence_Fast_ITEMS(bound.get())).release();
+        return run_body(self, PySequence_Fast_ITEMS(bound.get())).release();
       },
       static_cast<PyObject*>(nullptr));
 }
 
 PyObject* function_repr(PyObject* self) {
-  auto* f = reinterpret_cast<FunctionObject*>(self);
-  return PyUnicode_FromFormat("<function %U at %p>", f->qualname, self);
+  return PyUnicode_FromFormat("<function %U at %p>", fields_of(self).qualname.get(), self);
 }
 
 // The binder's own attribute named by the closure (`__annotations__`, `__code__`), the binder made
 // on first use, as a def's own dict is: most closures are never asked.
 PyObject* get_from_binder(PyObject* self, void* name) {
-  auto* f = reinterpret_cast<FunctionObject*>(self);
   return guarded(
-      [&] { return getattr(binder_of(f), text(static_cast<const char*>(name)).get()).release(); },
+      [&] {
+        PyObject* binder = binder_of(fields_of(self));
+        return getattr(binder, text(static_cast<const char*>(name)).get()).release();
+      },
       static_cast<PyObject*>(nullptr));
 }
 
 // None for a function that holds nothing. Else a cell per free variable, made once and kept, as a
 // def's are; the cells then hold the values, so that a write to one is what the next call reads.
 PyObject* get_closure(PyObject* self, void*) {
-  auto* f = reinterpret_cast<FunctionObject*>(self);
-  if (!f->def->nfree) return Py_NewRef(Py_None);
+  Fields& f = fields_of(self);
+  if (!f.def->nfree) return Py_NewRef(Py_None);
   return guarded(
       [&] {
-        if (!f->closure) {
-          Ref cells = own(PyTuple_New(f->def->nfree));
-          for (int i = 0; i < f->def->nfree; ++i) {
-            PyTuple_SET_ITEM(cells.get(), i, own(PyCell_New(f->bound[i])).release());
+        if (!f.held.closure) {
+          Ref cells = own(PyTuple_New(f.def->nfree));
+          for (int i = 0; i < f.def->nfree; ++i) {
+            PyTuple_SET_ITEM(cells.get(), i, own(PyCell_New(f.held.bound[i].get())).release());
           }
-          f->closure = cells.release();
-          for (PyObject*& value : f->bound) Py_CLEAR(value);
+          f.held.closure = std::move(cells);
+          for (Ref& value : f.held.bound) value = Ref();
         }
-        return Py_NewRef(f->closure);
+        return Py_NewRef(f.held.closure.get());
       },
       static_cast<PyObject*>(nullptr));
 }
@@ -200,15 +205,15 @@ PyObject* get_class(PyObject*, void*) {
 
 // `inspect.signature` of the binder, kept.
 PyObject* get_signature(PyObject* self, void*) {
-  auto* f = reinterpret_cast<FunctionObject*>(self);
+  Fields& f = fields_of(self);
   return guarded(
       [&] {
-        if (!f->signature) {
+        if (!f.held.signature) {
           Ref inspect = own(PyImport_ImportModule("inspect"));
           Ref signature = own(PyObject_GetAttrString(inspect.get(), "signature"));
-          f->signature = call(signature.get(), {binder_of(f)}).release();
+          f.held.signature = call(signature.get(), {binder_of(f)});
         }
-        return Py_NewRef(f->signature);
+        return Py_NewRef(f.held.signature.get());
       },
       static_cast<PyObject*>(nullptr));
 }
@@ -234,7 +239,7 @@ PyObject* function_descr_get(PyObject* self, PyObject* obj, PyObject*) {
 
 // Pickled, copied and deep-copied by reference to the module attribute, as a def is.
 PyObject* function_reduce(PyObject* self, PyObject*) {
-  return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->name);
+  return Py_NewRef(fields_of(self).name.get());
 }
 
 PyMethodDef function_methods[] = {
@@ -256,15 +261,15 @@ PyGetSetDef function_getset[] = {
 
 // Read-only members, as the interpreter's own function type declares them.
 PyMemberDef function_members[] = {
-    {"__name__", T_OBJECT, offsetof(FunctionObject, name), READONLY, nullptr},
-    {"__qualname__", T_OBJECT, offsetof(FunctionObject, qualname), READONLY, nullptr},
-    {"__module__", T_OBJECT, offsetof(FunctionObject, module_name), READONLY, nullptr},
-    {"__doc__", T_OBJECT, offsetof(FunctionObject, doc), READONLY, nullptr},
-    {"__globals__", T_OBJECT, offsetof(FunctionObject, globals), READONLY, nullptr},
-    {"__builtins__", T_OBJECT, offsetof(FunctionObject, builtins), READONLY, nullptr},
+    {"__name__", T_OBJECT, offsetof(FunctionObject, f.name), READONLY, nullptr},
+    {"__qualname__", T_OBJECT, offsetof(FunctionObject, f.qualname), READONLY, nullptr},
+    {"__module__", T_OBJECT, offsetof(FunctionObject, f.module_name), READONLY, nullptr},
+    {"__doc__", T_OBJECT, offsetof(FunctionObject, f.doc), READONLY, nullptr},
+    {"__globals__", T_OBJECT, offsetof(FunctionObject, f.held.globals), READONLY, nullptr},
+    {"__builtins__", T_OBJECT, offsetof(FunctionObject, f.held.builtins), READONLY, nullptr},
     {"__vectorcalloffset__", T_PYSSIZET, offsetof(FunctionObject, vectorcall), READONLY, nullptr},
     {"__weaklistoffset__", T_PYSSIZET, offsetof(FunctionObject, weakrefs), READONLY, nullptr},
-    {"__dictoffset__", T_PYSSIZET, offsetof(FunctionObject, dict), READONLY, nullptr},
+    {"__dictoffset__", T_PYSSIZET, offsetof(FunctionObject, f.held.dict), READONLY, nullptr},
     {nullptr, 0, 0, 0, nullptr},
 };
 
@@ -320,34 +325,30 @@ Ref new_function(const State& state, PyObject* module, const FunctionDef& def,
   Ref doc = def.doc ? text(def.doc) : Ref::borrow(Py_None);
 
   auto* type = reinterpret_cast<PyTypeObject*>(state.function_type.get());
-  Ref self = own(reinterpret_cast<PyObject*>(PyObject_GC_New(FunctionObject, type)));
-  auto* f = reinterpret_cast<FunctionObject*>(self.get());
-  f->vectorcall = function_vectorcall;
-  f->def = &def;
-  f->module = Py_NewRef(module);
-  f->globals = Py_NewRef(globals);
-  f->state = Py_NewRef(state.object);
-  f->builtins = builtins.release();
-  for (PyObject*& value : f->bound) value = nullptr;
-  f->closure = nullptr;
-  PyObject** slot = f->bound;
-  for (PyObject* value : bound) *slot++ = Py_NewRef(value);
-  f->name = name.release();
-  f->qualname = qualname.release();
-  f->module_name = module_name.release();
-  f->doc = doc.release();
-  f->binder = nullptr;
-  f->signature = nullptr;
-  f->weakrefs = nullptr;
-  f->dict = nullptr;
+  auto* object = PyObject_GC_New(FunctionObject, type);
+  if (!object) raise();
+  object->vectorcall = function_vectorcall;
+  object->weakrefs = nullptr;
+  new (&object->f) Fields{&def,
+                          std::move(name),
+                          std::move(qualname),
+                          std::move(module_name),
+                          std::move(doc),
+                          Held{.module = Ref::borrow(module),
+                               .globals = Ref::borrow(globals),
+                               .state = Ref::borrow(state.object),
+                               .builtins = std::move(builtins)}};
+  Ref* slot = object->f.held.bound;
+  for (PyObject* value : bound) *slot++ = Ref::borrow(value);
+  Ref self = Ref::steal(reinterpret_cast<PyObject*>(object));
   PyObject_GC_Track(self.get());
   return self;
 }
 
 // The function object behind obj if it is one of the module's native functions, else null.
-const FunctionObject* native(PyObject* obj) {
+const Fields* native(PyObject* obj) {
   if (Py_TYPE(obj)->tp_dealloc != function_dealloc) return nullptr;
-  return reinterpret_cast<const FunctionObject*>(obj);
+  return &fields_of(obj);
 }
 
 }  // namespace
@@ -365,7 +366,7 @@ Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<P
 }
 
 bool Global::is(const FunctionDef& def) const {
-  const FunctionObject* f = native(get());
+  const Fields* f = native(get());
   return f && f->def == &def;
 }
 
@@ -393,9 +394,9 @@ bool builtin(PyObject* builtins, PyObject* key, PyObject** found) {
 }  // namespace
 
 Ref captured(const Env& env, PyObject* const* held, int i) {
-  const auto* f = reinterpret_cast<const FunctionObject*>(env.function);
-  if (!f || !f->closure) return Ref::borrow(held[i]);
-  Ref value = Ref::steal(PyCell_Get(PyTuple_GET_ITEM(f->closure, i)));
+  const Fields* f = env.function ? &fields_of(env.function) : nullptr;
+  if (!f || !f->held.closure) return Ref::borrow(held[i]);
+  Ref value = Ref::steal(PyCell_Get(PyTuple_GET_ITEM(f->held.closure.get(), i)));
   if (!value) {
     raise_name_error(*env.state, compat::kEmptyFreeVariable, text(f->def->freevars[i]).get());
   }
@@ -411,8 +412,10 @@ Global lookup(const Env& env, Id id) {
 }
 
 Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args) {
-  const FunctionObject* f = native(callable);
-  if (f && static_cast<int>(args.size()) == f->def->nparams) return run_body(f, args.begin());
+  const Fields* f = native(callable);
+  if (f && static_cast<int>(args.size()) == f->def->nparams) {
+    return run_body(callable, args.begin());
+  }
   return call(callable, args);
 }
 

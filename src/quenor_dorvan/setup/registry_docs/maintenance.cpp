@@ -122,18 +122,18 @@ Ref stale_names(const Env& env, PyObject* old_blocks, PyObject* new_blocks) {
 class Handling {
  public:
   explicit Handling(PyObject* error) {
-    PyErr_GetExcInfo(&type_, &value_, &traceback_);
+    PyObject* saved[3];
+    PyErr_GetExcInfo(&saved[0], &saved[1], &saved[2]);
+    for (int i = 0; i < 3; ++i) saved_[i] = Ref::steal(saved[i]);
     PyErr_SetExcInfo(Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(error))), Py_NewRef(error),
                      PyException_GetTraceback(error));
   }
-  ~Handling() { PyErr_SetExcInfo(type_, value_, traceback_); }
+  ~Handling() { PyErr_SetExcInfo(saved_[0].release(), saved_[1].release(), saved_[2].release()); }
   Handling(const Handling&) = delete;
   Handling& operator=(const Handling&) = delete;
 
  private:
-  PyObject* type_ = nullptr;
-  PyObject* value_ = nullptr;
-  PyObject* traceback_ = nullptr;
+  Ref saved_[3];  // the type, value and traceback handled before
 };
 
 // f"{generated.path}: blocks out of date: {', '.join(stale)}".

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <new>
 #include <vector>
 
 #if defined(__SSE2__)
@@ -174,30 +175,31 @@ Ref value_body(const Env& env, PyObject* const* args) {
 // Lazy rows: the rows of a table, and each row's cells, made as they are read, as Python's
 // generators make them. Every reference they hold is a field of the object, seen by the collector.
 
-struct Lazy {
-  PyObject ob_base;
-  PyObject* module;
-  PyObject* state;
-  PyObject* builtins;  // those of the renderer that made it, as a generator keeps its function's
-  PyObject* source;    // the rows: the iterator of tools; a row: its tool; null once finished
+// Every reference a lazy object holds is a field of it, seen by the collector.
+struct LazyFields {
+  Ref module;
+  Ref state;
+  Ref builtins;  // those of the renderer that made it, as a generator keeps its function's
+  Ref source;    // the rows: the iterator of tools; a row: its tool; null once finished
   RowOf row;
   Py_ssize_t number;  // the rows: tools taken so far; a row: its number
-  int cell;           // a row: the next cell
-  bool running;
+  int cell = 0;       // a row: the next cell
+  bool running = false;
 };
 
-Ref make_lazy(PyObject* type, PyObject* module, PyObject* state, PyObject* builtins, Ref source,
-              RowOf row, Py_ssize_t number) {
+struct Lazy {
+  PyObject ob_base;
+  LazyFields l;
+};
+
+LazyFields& lazy_of(PyObject* self) {
+  return reinterpret_cast<Lazy*>(self)->l;
+}
+
+Ref make_lazy(PyObject* type, LazyFields&& fields) {
   auto* lazy = PyObject_GC_New(Lazy, reinterpret_cast<PyTypeObject*>(type));
   if (!lazy) raise();
-  lazy->module = Py_NewRef(module);
-  lazy->state = Py_NewRef(state);
-  lazy->builtins = Py_NewRef(builtins);
-  lazy->source = source.release();
-  lazy->row = row;
-  lazy->number = number;
-  lazy->cell = 0;
-  lazy->running = false;
+  new (&lazy->l) LazyFields(std::move(fields));
   PyObject_GC_Track(reinterpret_cast<PyObject*>(lazy));
   return Ref::steal(reinterpret_cast<PyObject*>(lazy));
 }
@@ -206,62 +208,60 @@ Ref make_lazy(PyObject* type, PyObject* module, PyObject* state, PyObject* built
 // raised.
 template <typename Step>
 PyObject* lazy_step(PyObject* self, Step step) {
-  auto* lazy = reinterpret_cast<Lazy*>(self);
-  if (!lazy->source) return nullptr;
-  if (lazy->running) {
+  LazyFields& lazy = lazy_of(self);
+  if (!lazy.source) return nullptr;
+  if (lazy.running) {
     PyErr_SetString(PyExc_ValueError, "generator already executing");
     return nullptr;
   }
   Ref keep = Ref::borrow(self);  // the step may run code that drops the last other reference
-  Ref source = Ref::borrow(lazy->source);
-  Env env{&state_of(lazy->state), lazy->module, PyModule_GetDict(lazy->module), lazy->builtins};
-  lazy->running = true;
-  PyObject* result = guarded([&] { return step(*lazy, env, source.get()).release(); },
+  Ref source = lazy.source;
+  Env env{&state_of(lazy.state.get()), lazy.module.get(), PyModule_GetDict(lazy.module.get()),
+          lazy.builtins.get()};
+  lazy.running = true;
+  PyObject* result = guarded([&] { return step(lazy, env, source.get()).release(); },
                              static_cast<PyObject*>(nullptr));
-  lazy->running = false;
-  if (!result) Py_CLEAR(lazy->source);
+  lazy.running = false;
+  if (!result) lazy.source = Ref();
   return result;
 }
 
 PyObject* rows_next(PyObject* self) {
-  return lazy_step(self, [](Lazy& rows, const Env& env, PyObject* tools) {
+  return lazy_step(self, [](LazyFields& rows, const Env& env, PyObject* tools) {
     Ref tool = next(tools);
     if (!tool) return Ref();
-    return make_lazy(env.state->row_type.get(), rows.module, rows.state, rows.builtins,
-                     std::move(tool), rows.row, ++rows.number);
+    return make_lazy(env.state->row_type.get(), {rows.module, rows.state, rows.builtins,
+                                                 std::move(tool), rows.row, ++rows.number});
   });
 }
 
 PyObject* row_next(PyObject* self) {
-  return lazy_step(self, [](Lazy& row, const Env& env, PyObject* tool) {
+  return lazy_step(self, [](LazyFields& row, const Env& env, PyObject* tool) {
     return row.row(env, tool, row.number, row.cell++);
   });
 }
 
 int lazy_traverse(PyObject* self, visitproc visit, void* arg) {
-  auto* lazy = reinterpret_cast<Lazy*>(self);
+  const LazyFields& lazy = lazy_of(self);
   Py_VISIT(Py_TYPE(self));
-  Py_VISIT(lazy->module);
-  Py_VISIT(lazy->state);
-  Py_VISIT(lazy->builtins);
-  Py_VISIT(lazy->source);
+  for (const Ref* ref : {&lazy.module, &lazy.state, &lazy.builtins, &lazy.source}) {
+    Py_VISIT(ref->get());
+  }
   return 0;
 }
 
 int lazy_clear(PyObject* self) {
-  auto* lazy = reinterpret_cast<Lazy*>(self);
-  if (lazy->running) return 0;  // its step is in use further up the stack
-  Py_CLEAR(lazy->module);
-  Py_CLEAR(lazy->state);
-  Py_CLEAR(lazy->builtins);
-  Py_CLEAR(lazy->source);
+  LazyFields& lazy = lazy_of(self);
+  if (lazy.running) return 0;  // its step is in use further up the stack
+  Ref gone[] = {std::move(lazy.module), std::move(lazy.state), std::move(lazy.builtins),
+                std::move(lazy.source)};
   return 0;
 }
 
 void lazy_dealloc(PyObject* self) {
   PyTypeObject* type = Py_TYPE(self);
   PyObject_GC_UnTrack(self);
-  lazy_clear(self);
+  lazy_of(self).~LazyFields();
   PyObject_GC_Del(self);
   Py_DECREF(type);
 }
@@ -288,14 +288,14 @@ void write_row(const Env& env, LineJoiner& out, const Global& row, PyObject* cel
     put_row(out.start(), PySequence_Fast_ITEMS(items.get()), PySequence_Fast_GET_SIZE(items.get()));
     return;
   }
-  auto& lazy = *reinterpret_cast<Lazy*>(cells);
+  LazyFields& lazy = lazy_of(cells);
   struct Drain {  // running while its cells are made, finished after
-    Lazy& row;
-    Ref tool = Ref::borrow(row.source);
-    explicit Drain(Lazy& lazy) : row(lazy) { row.running = true; }
+    LazyFields& row;
+    Ref tool = row.source;
+    explicit Drain(LazyFields& lazy) : row(lazy) { row.running = true; }
     ~Drain() {
       row.running = false;
-      Py_CLEAR(row.source);
+      row.source = Ref();
     }
   } drain(lazy);
   constexpr int kMaxCells = 8;  // the widest table the module makes lazily has five columns
@@ -321,8 +321,9 @@ PyType_Spec row_type_spec = {"registry_docs.table_row", sizeof(Lazy), 0, kLazyFl
                              lazy_slots<row_next>};
 
 Ref lazy_rows(const Env& env, Obj tools, RowOf row) {
-  return make_lazy(env.state->rows_type.get(), env.module, env.state->object, env.builtins,
-                   own(PyObject_GetIter(tools.get())), row, 0);
+  return make_lazy(env.state->rows_type.get(),
+                   {Ref::borrow(env.module), Ref::borrow(env.state->object),
+                    Ref::borrow(env.builtins), own(PyObject_GetIter(tools.get())), row, 0});
 }
 
 void LineJoiner::lines(PyObject* iterable) {
