@@ -169,7 +169,7 @@ void TextWriter::write(const void* data, int kind, Py_ssize_t length, Py_UCS4 wi
   }
   if (length * kind_ > end_ - pos_) grow(length, kind_);
   if (kind == kind_) {
-    copy_chars(pos_, data, length * kind);
+    memcpy(pos_, data, static_cast<size_t>(length * kind));
   } else {
     convert_kind(kind_, pos_, kind, data, length);
   }

@@ -25,7 +25,7 @@ class TextWriter {
   TextWriter& ascii(const char* text, Py_ssize_t size) {
     if (kind_ == PyUnicode_1BYTE_KIND && !sole_ && size <= end_ - pos_) {
       if (size <= 0) return *this;
-      copy_chars(pos_, text, size);
+      memcpy(pos_, text, static_cast<size_t>(size));
       pos_ += size;
       if (widest_ < 127) widest_ = 127;
       return *this;
@@ -43,7 +43,7 @@ class TextWriter {
         PyUnicode_IS_READY(text) && PyUnicode_KIND(text) == PyUnicode_1BYTE_KIND &&
         end - start <= end_ - pos_ &&
         (PyUnicode_IS_ASCII(text) ? widest_ >= 127 : widest_ >= 255)) {
-      copy_chars(pos_, PyUnicode_1BYTE_DATA(text) + start, end - start);
+      memcpy(pos_, PyUnicode_1BYTE_DATA(text) + start, static_cast<size_t>(end - start));
       pos_ += end - start;
       return *this;
     }
@@ -63,24 +63,6 @@ class TextWriter {
   void write(const void* data, int kind, Py_ssize_t length, Py_UCS4 widest);
   TextWriter& ascii_slow(const char* text, Py_ssize_t size);
   TextWriter& substring_slow(PyObject* text, Py_ssize_t start, Py_ssize_t end);
-  // Most pieces are a few characters (a separator, a word, a cell): overlapping fixed-size copies
-  // spare the call.
-  static void copy_chars(char* out, const void* from, Py_ssize_t size) {
-    auto* in = static_cast<const char*>(from);
-    if (size >= 8 && size <= 16) {
-      memcpy(out, in, 8);
-      memcpy(out + size - 8, in + size - 8, 8);
-    } else if (size >= 4 && size < 8) {
-      memcpy(out, in, 4);
-      memcpy(out + size - 4, in + size - 4, 4);
-    } else if (size < 4) {
-      if (size > 0) out[0] = in[0];
-      if (size > 1) out[1] = in[1];
-      if (size > 2) out[2] = in[2];
-    } else {
-      memcpy(out, in, static_cast<size_t>(size));
-    }
-  }
   // Room for `length` more characters at `kind`, at least the present one.
   void grow(Py_ssize_t length, int kind);
   // Calls f(data, bytes) for each stretch written, in order.
