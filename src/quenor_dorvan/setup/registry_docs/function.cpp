@@ -24,7 +24,6 @@ struct Held {
   Ref bound[FunctionDef::kMaxValues];  // a closure's values, inline until a caller asks for cells
   Ref closure;                         // the cells, once asked for: they then hold the values
   Ref binder;                          // a def of the same signature, made when first needed
-  Ref signature;
   Ref dict;  // a caller's own attributes, made when first set (the interpreter's slot)
 };
 
@@ -55,9 +54,8 @@ int function_traverse(PyObject* self, visitproc visit, void* arg) {
   const Held& held = fields_of(self).held;
   Py_VISIT(Py_TYPE(self));
   static_assert(FunctionDef::kMaxValues == 2, "every bound value is visited");
-  for (const Ref* ref :
-       {&held.module, &held.globals, &held.state, &held.builtins, &held.bound[0], &held.bound[1],
-        &held.closure, &held.binder, &held.signature, &held.dict}) {
+  for (const Ref* ref : {&held.module, &held.globals, &held.state, &held.builtins, &held.bound[0],
+                         &held.bound[1], &held.closure, &held.binder, &held.dict}) {
     Py_VISIT(ref->get());
   }
   return 0;
@@ -203,21 +201,6 @@ PyObject* get_class(PyObject*, void*) {
   return Py_NewRef(reinterpret_cast<PyObject*>(&PyFunction_Type));
 }
 
-// `inspect.signature` of the binder, kept.
-PyObject* get_signature(PyObject* self, void*) {
-  Fields& f = fields_of(self);
-  return guarded(
-      [&] {
-        if (!f.held.signature) {
-          Ref inspect = own(PyImport_ImportModule("inspect"));
-          Ref signature = own(PyObject_GetAttrString(inspect.get(), "signature"));
-          f.held.signature = call(signature.get(), {binder_of(f)});
-        }
-        return Py_NewRef(f.held.signature.get());
-      },
-      static_cast<PyObject*>(nullptr));
-}
-
 PyObject* get_no_defaults(PyObject*, void*) {
   return Py_NewRef(Py_None);
 }
@@ -252,7 +235,6 @@ PyGetSetDef function_getset[] = {
     {"__code__", get_from_binder, nullptr, nullptr, const_cast<char*>("__code__")},
     {"__closure__", get_closure, nullptr, nullptr, nullptr},
     {"__class__", get_class, nullptr, nullptr, nullptr},
-    {"__signature__", get_signature, nullptr, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {"__defaults__", get_no_defaults, set_no_defaults, nullptr, nullptr},
     {"__kwdefaults__", get_no_defaults, set_no_defaults, nullptr, nullptr},
