@@ -20,21 +20,12 @@ struct StateObject {
 int state_traverse(PyObject* self, visitproc visit, void* arg) {
   State& state = reinterpret_cast<StateObject*>(self)->state;
   Py_VISIT(Py_TYPE(self));
-  Py_VISIT(state.marker.get());
-  Py_VISIT(state.function_type.get());
-  Py_VISIT(state.rows_type.get());
-  Py_VISIT(state.row_type.get());
-  Py_VISIT(state.file.get());
+  for (Ref* ref : state.references()) Py_VISIT(ref->get());
   return 0;
 }
 
 int state_clear(PyObject* self) {
-  State& state = reinterpret_cast<StateObject*>(self)->state;
-  state.marker = Ref();
-  state.function_type = Ref();
-  state.rows_type = Ref();
-  state.row_type = Ref();
-  state.file = Ref();
+  for (Ref* ref : reinterpret_cast<StateObject*>(self)->state.references()) *ref = Ref();
   return 0;
 }
 

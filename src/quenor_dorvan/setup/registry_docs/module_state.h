@@ -2,6 +2,7 @@
 // the types it made. Every function object and every lazy row reaches it; nothing is kept per
 // process, so each interpreter that imports the module has its own.
 #pragma once
+#include <array>
 #include <unordered_map>
 #include <utility>
 
@@ -128,6 +129,10 @@ struct State {
   PyObject* object = nullptr;  // the object this state lives in, for what must keep it alive
 
   PyObject* name(Id id) const { return names[static_cast<int>(id)].get(); }
+  // What may reach back to the module, for the collector.
+  std::array<Ref*, 5> references() {
+    return {&marker, &function_type, &rows_type, &row_type, &file};
+  }
   // A constant of the code, by the text that states it, made once: the same object at each call, as
   // a def's constants are. A str (interned, as the names of functions are), or with `header` a
   // tuple of the titles the text separates with tabs.
