@@ -84,9 +84,7 @@ Ref ordered_tools_body(const Env& env, PyObject* const*) {
 Ref tier_tools_body(const Env& env, PyObject* const* args) {
   Ref result = own(PyList_New(0));
   for_each(lookup(env, Id::TOOLS).get(), [&](PyObject* tool) {
-    if (compare(env.attr(tool, Id::tier).get(), args[0], Py_EQ)) {
-      check(PyList_Append(result.get(), tool));
-    }
+    if (compare(env.attr(tool, Id::tier).get(), args[0], Py_EQ)) append(result, tool);
   });
   return result;
 }

@@ -112,7 +112,7 @@ Ref stale_names(const Env& env, PyObject* old_blocks, PyObject* new_blocks) {
   for_each(env.method(old_blocks, Id::items, {}).get(), [&](PyObject* item) {
     auto [block_name, body] = unpack_pair(item);
     Ref now = mapping_get(new_blocks, block_name.get(), env.name(Id::get));
-    if (compare(now.get(), body.get(), Py_NE)) check(PyList_Append(stale.get(), block_name.get()));
+    if (compare(now.get(), body.get(), Py_NE)) append(stale, block_name);
   });
   return stale;
 }
@@ -166,9 +166,7 @@ Ref stale_blocks_body(const Env& env, PyObject* const* args) {
   Ref root = Ref::borrow(args[0]);
   Ref problems = own(PyList_New(0));
   for_each(lookup(env, Id::generated_files)().get(), [&](PyObject* generated) {
-    if (Ref line = problem_of(env, root.get(), generated)) {
-      check(PyList_Append(problems.get(), line.get()));
-    }
+    if (Ref line = problem_of(env, root.get(), generated)) append(problems, line);
   });
   return problems;
 }
@@ -206,8 +204,8 @@ Ref write_blocks_body(const Env& env, PyObject* const* args) {
     if (!compare(current.get(), text.get(), Py_NE)) return;
     Ref data = utf8_bytes(env, text.get());
     check(PyDict_SetItem(scheduled.get(), path.get(), text.get()));
-    check(PyList_Append(paths.get(), path.get()));
-    check(PyList_Append(contents.get(), data.get()));
+    append(paths, path);
+    append(contents, data);
   });
 
   for (Py_ssize_t i = 0; i < PyList_GET_SIZE(paths.get()); ++i) {

@@ -154,10 +154,9 @@ Ref rule_cells(const Env& env, PyObject* header) {
 Ref table_body(const Env& env, PyObject* const* args) {
   PyObject* header = args[0];
   Ref lines = own(PyList_New(0));
-  auto append = [&](Ref line) { check(PyList_Append(lines.get(), line.get())); };
-  append(lookup(env, Id::row)(header));
-  append(lookup(env, Id::row)(rule_cells(env, header)));
-  for_each(args[1], [&](PyObject* row) { append(lookup(env, Id::row)(row)); });
+  append(lines, lookup(env, Id::row)(header));
+  append(lines, lookup(env, Id::row)(rule_cells(env, header)));
+  for_each(args[1], [&](PyObject* row) { append(lines, lookup(env, Id::row)(row)); });
   return lines;
 }
 
@@ -327,16 +326,7 @@ Ref lazy_rows(const Env& env, Obj tools, RowOf row) {
 }
 
 void LineJoiner::lines(PyObject* iterable) {
-  Ref iterator = Ref::steal(PyObject_GetIter(iterable));
-  if (!iterator) {
-    if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(iterable)->tp_iter == nullptr &&
-        !PySequence_Check(iterable)) {
-      PyErr_Clear();
-      PyErr_Format(PyExc_TypeError, "Value after * must be an iterable, not %.200s",
-                   Py_TYPE(iterable)->tp_name);
-    }
-    raise();
-  }
+  Ref iterator = iterate(iterable, "Value after * must be an iterable, not %.200s");
   while (Ref item = next(iterator.get())) line(item.get());
 }
 

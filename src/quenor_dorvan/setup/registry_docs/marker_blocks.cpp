@@ -109,12 +109,9 @@ Ref replace_scanned(const Env& env, PyObject* text, const std::vector<MarkedBloc
       }
     } else {
       // Anything else meets the operators' own dispatch and errors.
-      Ref piece = own(
-          PyNumber_Add(substring(text, block.open_start, block.body_start).get(), filled.get()));
-      piece = own(PyNumber_Add(piece.get(), env.name(Id::newline)));
-      piece =
-          own(PyNumber_Add(piece.get(), substring(text, block.close_start, block.close_end).get()));
-      if (piece.get() != Py_None) result.item(piece.get());
+      Ref piece = add({substring(text, block.open_start, block.body_start), filled,
+                       env.name(Id::newline), substring(text, block.close_start, block.close_end)});
+      if (piece.get() != Py_None) result.item(piece);
     }
     done = block.close_end;
   }

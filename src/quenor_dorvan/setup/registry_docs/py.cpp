@@ -69,17 +69,21 @@ void join_type_error(Py_ssize_t index, PyObject* item) {
   raise();
 }
 
-std::pair<Ref, Ref> unpack_pair(PyObject* item) {
-  Ref iterator = Ref::steal(PyObject_GetIter(item));
+Ref iterate(PyObject* obj, const char* format) {
+  Ref iterator = Ref::steal(PyObject_GetIter(obj));
   if (!iterator) {
-    if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(item)->tp_iter == nullptr &&
-        !PySequence_Check(item)) {
+    if (PyErr_ExceptionMatches(PyExc_TypeError) && Py_TYPE(obj)->tp_iter == nullptr &&
+        !PySequence_Check(obj)) {
       PyErr_Clear();
-      PyErr_Format(PyExc_TypeError, "cannot unpack non-iterable %.200s object",
-                   Py_TYPE(item)->tp_name);
+      PyErr_Format(PyExc_TypeError, format, Py_TYPE(obj)->tp_name);
     }
     raise();
   }
+  return iterator;
+}
+
+std::pair<Ref, Ref> unpack_pair(PyObject* item) {
+  Ref iterator = iterate(item, "cannot unpack non-iterable %.200s object");
   Ref parts[2];
   for (int i = 0; i < 2; ++i) {
     parts[i] = next(iterator.get());

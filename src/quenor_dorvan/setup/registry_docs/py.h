@@ -181,6 +181,9 @@ inline Ref join(PyObject* separator, PyObject* items) {
 
 // The error `str.join` raises for item `index` of a sequence that is not a str.
 [[noreturn]] void join_type_error(Py_ssize_t index, PyObject* item);
+// `iter(obj)`; the TypeError for an object that cannot be iterated is worded by `format` (its type
+// name for the one %.200s), as the interpreter words it for the statement that iterates.
+Ref iterate(PyObject* obj, const char* format);
 // Unpacks one item into exactly two, with the interpreter's own unpacking errors.
 std::pair<Ref, Ref> unpack_pair(PyObject* item);
 
