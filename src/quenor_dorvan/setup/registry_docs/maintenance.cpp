@@ -58,7 +58,7 @@ Ref repeated_names(PyObject* found) {
 Ref fill_block(const Env& env, const BlockMatch& match, PyObject* const* held) {
   Ref encode = env.attr(captured(env, held, 0).get(), Id::encode);
   Ref renderers = captured(env, held, 1);
-  Ref renderer = subscript(renderers.get(), match.name().get());
+  Ref renderer = subscript(renderers.get(), match.name(env).get());
   Ref rendered = call_found(renderer.get(), {});
   return call_found(encode.get(), {rendered.get()});
 }
@@ -171,12 +171,6 @@ Ref stale_blocks_body(const Env& env, PyObject* const* args) {
   return problems;
 }
 
-// `text.encode("utf-8")`.
-Ref utf8_bytes(const Env& env, PyObject* text) {
-  if (PyUnicode_CheckExact(text)) return own(PyUnicode_AsUTF8String(text));
-  return env.method(text, Id::encode, {env.name(Id::utf_8)});
-}
-
 // Renders every file, then encodes each changed one, then writes: nothing is written before every
 // file has been read, rendered and encoded. A path listed twice is compared with the text the
 // earlier write leaves, and written once.
@@ -202,7 +196,7 @@ Ref write_blocks_body(const Env& env, PyObject* const* args) {
       current = Ref::steal(pending);
     }
     if (!compare(current.get(), text.get(), Py_NE)) return;
-    Ref data = utf8_bytes(env, text.get());
+    Ref data = env.method(text.get(), Id::encode, {env.name(Id::utf_8)});
     check(PyDict_SetItem(scheduled.get(), path.get(), text.get()));
     append(paths, path);
     append(contents, data);

@@ -3,7 +3,6 @@
 #include <array>
 #include <vector>
 
-#include "markers.h"
 #include "text.h"
 
 namespace registry_docs {
@@ -55,26 +54,6 @@ Ref substring(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
   return own(PyUnicode_Substring(text, start, end));
 }
 
-class ScannedMatch final : public BlockMatch {
- public:
-  ScannedMatch(PyObject* text, const MarkedBlock& block) : text_(text), block_(block) {}
-  Ref name() const override { return substring(text_, block_.name_start, block_.name_end); }
-
- private:
-  PyObject* text_;
-  const MarkedBlock& block_;
-};
-
-class ObjectMatch final : public BlockMatch {
- public:
-  ObjectMatch(const Env& env, PyObject* match) : env_(env), match_(match) {}
-  Ref name() const override { return subscript(match_, env_.name(Id::name)); }
-
- private:
-  const Env& env_;
-  PyObject* match_;
-};
-
 // A str that `str + x` concatenates as is: anything else may take part through its own `__radd__`.
 bool plain_str(PyObject* obj) {
   if (PyUnicode_CheckExact(obj)) return true;
@@ -100,7 +79,7 @@ Ref replace_scanned(const Env& env, PyObject* text, const std::vector<MarkedBloc
   Py_ssize_t done = 0;
   for (const MarkedBlock& block : blocks) {
     sub_stretch(result, text, done, block.open_start);
-    Ref filled = fill(env, ScannedMatch(text, block), held);
+    Ref filled = fill(env, {text, &block, nullptr}, held);
     if (plain_str(filled.get())) {
       // `open + filled + "\n" + close`, written in place.
       if (TextWriter* out = result.start()) {
@@ -158,9 +137,14 @@ Ref blocks_body(const Env& env, PyObject* const* args) {
 
 }  // namespace
 
+Ref BlockMatch::name(const Env& env) const {
+  if (text) return substring(text, block->name_start, block->name_end);
+  return subscript(match, env.name(Id::name));
+}
+
 Ref render_match(const Env& env, PyObject* match, Fill fill, PyObject* const* held) {
   Ref open = subscript(match, env.name(Id::open));
-  Ref filled = fill(env, ObjectMatch(env, match), held);
+  Ref filled = fill(env, {nullptr, nullptr, match}, held);
   Ref piece = own(PyNumber_Add(open.get(), filled.get()));
   piece = own(PyNumber_Add(piece.get(), env.name(Id::newline)));
   Ref close = subscript(match, env.name(Id::close));

@@ -3,6 +3,7 @@
 // the bound object's own `finditer` and `sub` once a caller rebinds it.
 #pragma once
 #include "function.h"
+#include "markers.h"
 
 namespace registry_docs {
 
@@ -15,13 +16,11 @@ inline constexpr char kMarkerStatement[] =
     "                     r\"(?P<close><!-- /registry:(?P=name) -->)\", re.DOTALL)\n";
 
 // A block being replaced, as the replacement function reads its match.
-class BlockMatch {
- public:
-  // `match["name"]`.
-  virtual Ref name() const = 0;
-
- protected:
-  ~BlockMatch() = default;
+struct BlockMatch {
+  PyObject* text;                  // the scanned text; null for a match object
+  const MarkedBlock* block;        // where the block lies in the scanned text
+  PyObject* match;                 // the match object
+  Ref name(const Env& env) const;  // `match["name"]`
 };
 
 // The text that goes between a block's markers, from the block and the values that the
