@@ -100,11 +100,7 @@ Ref cell_of_kind(PyObject* text, const Char* data, Py_ssize_t size) {
 Ref cell_text(PyObject* text) {
   check(PyUnicode_READY(text));
   Py_ssize_t size = PyUnicode_GET_LENGTH(text);
-  switch (PyUnicode_KIND(text)) {
-    case PyUnicode_1BYTE_KIND: return cell_of_kind(text, PyUnicode_1BYTE_DATA(text), size);
-    case PyUnicode_2BYTE_KIND: return cell_of_kind(text, PyUnicode_2BYTE_DATA(text), size);
-    default: return cell_of_kind(text, PyUnicode_4BYTE_DATA(text), size);
-  }
+  return with_chars(text, [&](auto* chars) { return cell_of_kind(text, chars, size); });
 }
 
 Ref code_body(const Env&, PyObject* const* args) {

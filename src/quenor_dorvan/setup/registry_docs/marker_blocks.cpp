@@ -29,18 +29,15 @@ std::vector<MarkedBlock> scan(PyObject* text) {
   check(PyUnicode_READY(text));
   Py_ssize_t size = PyUnicode_GET_LENGTH(text);
   std::vector<MarkedBlock> blocks;
-  switch (PyUnicode_KIND(text)) {
-    case PyUnicode_1BYTE_KIND: {
+  with_chars(text, [&](auto* chars) {
+    if constexpr (sizeof(*chars) == 1) {
       const auto& words = latin1_words();
       scan_markers(
-          PyUnicode_1BYTE_DATA(text), size, [&words](std::uint32_t c) { return words[c]; }, blocks);
-      break;
+          chars, size, [&words](std::uint32_t c) { return words[c]; }, blocks);
+    } else {
+      scan_markers(chars, size, is_word, blocks);
     }
-    case PyUnicode_2BYTE_KIND:
-      scan_markers(PyUnicode_2BYTE_DATA(text), size, is_word, blocks);
-      break;
-    default: scan_markers(PyUnicode_4BYTE_DATA(text), size, is_word, blocks); break;
-  }
+  });
   return blocks;
 }
 

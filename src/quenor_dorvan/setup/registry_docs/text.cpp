@@ -8,46 +8,24 @@ namespace registry_docs {
 
 namespace {
 
-template <typename To, typename From>
-void convert(void* to, const void* from, Py_ssize_t length) {
-  auto* out = static_cast<To*>(to);
-  auto* in = static_cast<const From*>(from);
-  for (Py_ssize_t i = 0; i < length; ++i) out[i] = static_cast<To>(in[i]);
-}
-
-template <typename To>
-void convert_from(int from_kind, void* to, const void* from, Py_ssize_t length) {
-  switch (from_kind) {
-    case PyUnicode_1BYTE_KIND: return convert<To, Py_UCS1>(to, from, length);
-    case PyUnicode_2BYTE_KIND: return convert<To, Py_UCS2>(to, from, length);
-    default: return convert<To, Py_UCS4>(to, from, length);
-  }
-}
-
 // Copies characters between storage kinds; a part of a wide str may go into a narrower result,
 // which holds every character of it.
 void convert_kind(int to_kind, void* to, int from_kind, const void* from, Py_ssize_t length) {
-  switch (to_kind) {
-    case PyUnicode_1BYTE_KIND: return convert_from<Py_UCS1>(from_kind, to, from, length);
-    case PyUnicode_2BYTE_KIND: return convert_from<Py_UCS2>(from_kind, to, from, length);
-    default: return convert_from<Py_UCS4>(from_kind, to, from, length);
-  }
-}
-
-template <typename Char>
-Py_UCS4 widest_of(const Char* data, Py_ssize_t start, Py_ssize_t end) {
-  Py_UCS4 widest = 0;
-  for (Py_ssize_t i = start; i < end; ++i) widest = std::max<Py_UCS4>(widest, data[i]);
-  return widest;
+  with_chars(from_kind, from, [&](auto* in) {
+    with_chars(to_kind, to, [&](auto* out) {
+      for (Py_ssize_t i = 0; i < length; ++i)
+        out[i] = static_cast<std::decay_t<decltype(*out)>>(in[i]);
+    });
+  });
 }
 
 // The widest character of `text[start:end]`.
 Py_UCS4 widest_in(PyObject* text, Py_ssize_t start, Py_ssize_t end) {
-  switch (PyUnicode_KIND(text)) {
-    case PyUnicode_1BYTE_KIND: return widest_of(PyUnicode_1BYTE_DATA(text), start, end);
-    case PyUnicode_2BYTE_KIND: return widest_of(PyUnicode_2BYTE_DATA(text), start, end);
-    default: return widest_of(PyUnicode_4BYTE_DATA(text), start, end);
-  }
+  return with_chars(text, [&](auto* chars) {
+    Py_UCS4 widest = 0;
+    for (Py_ssize_t i = start; i < end; ++i) widest = std::max<Py_UCS4>(widest, chars[i]);
+    return widest;
+  });
 }
 
 int kind_for(Py_UCS4 widest) {

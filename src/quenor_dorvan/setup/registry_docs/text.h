@@ -1,10 +1,29 @@
 // The text builder: pieces in, one str of exact size and narrowest kind out.
 #pragma once
 #include <cstring>
+#include <type_traits>
 
 #include "py.h"
 
 namespace registry_docs {
+
+// `Char*`, or `const Char*` where `Void` is const.
+template <typename Void, typename Char>
+using CharsOf = std::conditional_t<std::is_const_v<Void>, const Char, Char>*;
+
+// Calls f with the characters at `data`, stored at `kind`, as an array of that kind's code units.
+template <typename Void, typename F>
+decltype(auto) with_chars(int kind, Void* data, F f) {
+  switch (kind) {
+    case PyUnicode_1BYTE_KIND: return f(static_cast<CharsOf<Void, Py_UCS1>>(data));
+    case PyUnicode_2BYTE_KIND: return f(static_cast<CharsOf<Void, Py_UCS2>>(data));
+    default: return f(static_cast<CharsOf<Void, Py_UCS4>>(data));
+  }
+}
+template <typename F>
+decltype(auto) with_chars(PyObject* text, F f) {
+  return with_chars(PyUnicode_KIND(text), static_cast<const void*>(PyUnicode_DATA(text)), f);
+}
 
 // Builds one str without repeated concatenation: characters are copied as they come, into a small
 // buffer of its own and then into chunks, in the narrowest kind that holds those written so far,
