@@ -29,8 +29,9 @@ Ref record(const Env& env, const char* path,
            bool params = false) {
   Global generated_file = lookup(env, Id::GeneratedFile);
   Ref listed = own(PyList_New(0));
-  for (auto [name, renderer] : blocks)
+  for (auto [name, renderer] : blocks) {
     append(listed, tuple_of({env.constant(name), lookup(env, renderer)}));
+  }
   if (params) {
     for_each(lookup(env, Id::ordered_tools)().get(), [&](PyObject* tool) {
       append(listed, tuple_of({fstr({"params:", env.attr(tool, Id::name)}),

@@ -108,9 +108,9 @@ Ref run_body(const PyObject* self, PyObject* const* args) {
 std::string binder_source(const FunctionDef& def) {
   std::string params, values;
   for (int i = 0; i < def.nparams; ++i) {
-    params += std::string(i ? ", " : "") + def.params[i];
-    if (def.annotations[i]) params += std::string(": ") + def.annotations[i];
-    values += std::string(def.params[i]) + ", ";
+    params += std::string(i ? ", " : "") + def.params[i].name;
+    if (def.params[i].annotation) params += std::string(": ") + def.params[i].annotation;
+    values += std::string(def.params[i].name) + ", ";
   }
   std::string returns = def.returns ? std::string(" -> ") + def.returns : "";
   std::string freevars, assigned;

@@ -1,6 +1,8 @@
 // The module's native function type and the resolver through which every module-level name is
 // found at each call.
 #pragma once
+#include <algorithm>
+
 #include "module_state.h"
 
 namespace registry_docs {
@@ -32,19 +34,13 @@ struct FunctionDef {
         qualname(qualname_),
         nfree(static_cast<int>(freevars_.size())) {
     if (nparams > kMaxValues || nfree > kMaxValues) throw "too many parameters or free variables";
-    int i = 0;
-    for (const Param& param : params_) {
-      params[i] = param.name;
-      annotations[i++] = param.annotation;
-    }
-    i = 0;
-    for (const char* freevar : freevars_) freevars[i++] = freevar;
+    std::copy(params_.begin(), params_.end(), params);
+    std::copy(freevars_.begin(), freevars_.end(), freevars);
   }
   const char* name;
   const char* doc;  // null: None, as for a def without a docstring
   int nparams;
-  const char* params[kMaxValues] = {};
-  const char* annotations[kMaxValues] = {};
+  Param params[kMaxValues] = {};
   const char* returns;  // null: no return annotation
   Body body;
   const char* qualname;  // null: the name

@@ -34,10 +34,6 @@ int kind_for(Py_UCS4 widest) {
                           : PyUnicode_4BYTE_KIND;
 }
 
-}  // namespace
-
-namespace {
-
 // Chunks of the usual size are kept for the next text, up to a bound, rather than given back: a
 // freed run of them at the top of the heap would be returned to the system, and the next text
 // would take every page afresh. Plain malloc, so that no interpreter's allocator is involved.
@@ -199,9 +195,7 @@ Ref TextWriter::finish() {
   return result;
 }
 
-Piece::Piece(PyObject* value)
-    : text_(PyUnicode_CheckExact(value) ? Ref::borrow(value)
-                                        : own(PyObject_Format(value, nullptr))) {}
+Piece::Piece(PyObject* value) : text_(own(PyObject_Format(value, nullptr))) {}
 
 Piece::Piece(Py_ssize_t number) : text_(str_of(own(PyLong_FromSsize_t(number)).get())) {}
 
