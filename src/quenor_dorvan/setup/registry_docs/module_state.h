@@ -10,107 +10,48 @@
 
 namespace registry_docs {
 
-// Interned names the code reads: module globals, attributes, mapping keys, method names and the
-// separators the tables are joined with.
-#define REGISTRY_DOCS_NAMES(X)                                \
-  X(TOOLS, "TOOLS")                                           \
-  X(TIERS, "_TIERS")                                          \
-  X(NONE, "_NONE")                                            \
-  X(MARKER, "_MARKER")                                        \
-  X(QUENOR_INSTRUCTION_CONTENT, "QUENOR_INSTRUCTION_CONTENT") \
-  X(without_markers, "without_markers")                       \
-  X(rules_table, "rules_table")                               \
-  X(skill_table, "skill_table")                               \
-  X(get_cli_schema, "get_cli_schema")                         \
-  X(snake_to_kebab, "snake_to_kebab")                         \
-  X(ENDPOINT_FRAMEWORKS, "ENDPOINT_FRAMEWORKS")               \
-  X(GeneratedFile, "GeneratedFile")                           \
-  X(builtins, "__builtins__")                                 \
-  X(ordered_tools, "ordered_tools")                           \
-  X(tier_tools, "_tier_tools")                                \
-  X(code, "_code")                                            \
-  X(cell, "_cell")                                            \
-  X(row, "_row")                                              \
-  X(table, "_table")                                          \
-  X(value, "_value")                                          \
-  X(actions_cell, "_actions_cell")                            \
-  X(tier_counts, "_tier_counts")                              \
-  X(cli_usage, "cli_usage")                                   \
-  X(skill_tools_block, "skill_tools_block")                   \
-  X(readme_tools_block, "readme_tools_block")                 \
-  X(mcp_intro_block, "mcp_intro_block")                       \
-  X(mcp_overview_block, "mcp_overview_block")                 \
-  X(mcp_cli_block, "mcp_cli_block")                           \
-  X(default_cell, "_default_cell")                            \
-  X(type_cell, "_type_cell")                                  \
-  X(description_cell, "_description_cell")                    \
-  X(mcp_params_block, "mcp_params_block")                     \
-  X(skill_text, "_skill_text")                                \
-  X(literal_text, "_literal_text")                            \
-  X(skill_routes_block, "skill_routes_block")                 \
-  X(rules_block, "rules_block")                               \
-  X(params_renderer, "_params_renderer")                      \
-  X(generated_files, "generated_files")                       \
-  X(block_names, "block_names")                               \
-  X(render_file, "render_file")                               \
-  X(read, "_read")                                            \
-  X(blocks_, "_blocks")                                       \
-  X(name, "name")                                             \
-  X(tier, "tier")                                             \
-  X(summary, "summary")                                       \
-  X(mcp_text, "mcp_text")                                     \
-  X(action_names, "action_names")                             \
-  X(actions, "actions")                                       \
-  X(all_params, "all_params")                                 \
-  X(required, "required")                                     \
-  X(default_, "default")                                      \
-  X(action_defaults, "action_defaults")                       \
-  X(applies_to, "applies_to")                                 \
-  X(values_text, "values_text")                               \
-  X(path, "path")                                             \
-  X(blocks, "blocks")                                         \
-  X(encode, "encode")                                         \
-  X(capitalize, "capitalize")                                 \
-  X(split, "split")                                           \
-  X(replace, "replace")                                       \
-  X(strip, "strip")                                           \
-  X(get, "get")                                               \
-  X(index, "index")                                           \
-  X(values, "values")                                         \
-  X(items, "items")                                           \
-  X(endswith, "endswith")                                     \
-  X(finditer, "finditer")                                     \
-  X(sub, "sub")                                               \
-  X(read_text, "read_text")                                   \
-  X(write_bytes, "write_bytes")                               \
-  X(encoding, "encoding")                                     \
-  X(utf_8, "utf-8")                                           \
-  X(properties, "properties")                                 \
-  X(type, "type")                                             \
-  X(description, "description")                               \
-  X(minimum, "minimum")                                       \
-  X(maximum, "maximum")                                       \
-  X(array, "array")                                           \
-  X(open, "open")                                             \
-  X(body, "body")                                             \
-  X(close, "close")                                           \
-  X(frameworks, "frameworks")                                 \
-  X(empty, "")                                                \
-  X(space, " ")                                               \
-  X(newline, "\n")                                            \
-  X(tab, "\t")                                                \
-  X(comma, ", ")                                              \
-  X(and_sep, " and ")                                         \
-  X(bar, "|")                                                 \
-  X(escaped_bar, "\\|")                                       \
-  X(backslash, "\\")                                          \
-  X(two_backslashes, "\\\\")                                  \
-  X(open_brace, "{")                                          \
-  X(two_open_braces, "{{")                                    \
-  X(close_brace, "}")                                         \
-  X(two_close_braces, "}}")                                   \
-  X(dot, ".")                                                 \
-  X(rule, "---")
+// Interned names the code reads, grouped by kind.
+// clang-format off
+#define REGISTRY_DOCS_NAMES(X)                                                                     \
+  /* the host's names */                                                                           \
+  X(TOOLS, "TOOLS") X(QUENOR_INSTRUCTION_CONTENT, "QUENOR_INSTRUCTION_CONTENT")                    \
+  X(without_markers, "without_markers") X(rules_table, "rules_table")                              \
+  X(skill_table, "skill_table") X(get_cli_schema, "get_cli_schema")                                \
+  X(snake_to_kebab, "snake_to_kebab") X(ENDPOINT_FRAMEWORKS, "ENDPOINT_FRAMEWORKS")                \
+  /* the module's own names */                                                                     \
+  X(TIERS, "_TIERS") X(NONE, "_NONE") X(MARKER, "_MARKER") X(GeneratedFile, "GeneratedFile")       \
+  X(builtins, "__builtins__") X(ordered_tools, "ordered_tools") X(tier_tools, "_tier_tools")       \
+  X(code, "_code") X(cell, "_cell") X(row, "_row") X(table, "_table") X(value, "_value")           \
+  X(actions_cell, "_actions_cell") X(tier_counts, "_tier_counts") X(cli_usage, "cli_usage")        \
+  X(skill_tools_block, "skill_tools_block") X(readme_tools_block, "readme_tools_block")            \
+  X(mcp_intro_block, "mcp_intro_block") X(mcp_overview_block, "mcp_overview_block")                \
+  X(mcp_cli_block, "mcp_cli_block") X(default_cell, "_default_cell") X(type_cell, "_type_cell")    \
+  X(description_cell, "_description_cell") X(mcp_params_block, "mcp_params_block")                 \
+  X(skill_text, "_skill_text") X(literal_text, "_literal_text")                                    \
+  X(skill_routes_block, "skill_routes_block") X(rules_block, "rules_block")                        \
+  X(params_renderer, "_params_renderer") X(generated_files, "generated_files")                     \
+  X(block_names, "block_names") X(render_file, "render_file") X(read, "_read")                     \
+  X(blocks_, "_blocks")                                                                            \
+  /* attributes */                                                                                 \
+  X(name, "name") X(tier, "tier") X(summary, "summary") X(mcp_text, "mcp_text")                    \
+  X(action_names, "action_names") X(actions, "actions") X(all_params, "all_params")                \
+  X(required, "required") X(default_, "default") X(action_defaults, "action_defaults")             \
+  X(applies_to, "applies_to") X(values_text, "values_text") X(path, "path") X(blocks, "blocks")    \
+  X(encode, "encode")                                                                              \
+  /* methods */                                                                                    \
+  X(capitalize, "capitalize") X(split, "split") X(replace, "replace") X(strip, "strip")            \
+  X(get, "get") X(index, "index") X(values, "values") X(items, "items") X(endswith, "endswith")    \
+  X(finditer, "finditer") X(sub, "sub") X(read_text, "read_text") X(write_bytes, "write_bytes")    \
+  /* keys and keyword names */                                                                     \
+  X(encoding, "encoding") X(utf_8, "utf-8") X(properties, "properties") X(type, "type")            \
+  X(description, "description") X(minimum, "minimum") X(maximum, "maximum") X(array, "array")      \
+  X(open, "open") X(body, "body") X(close, "close") X(frameworks, "frameworks")                    \
+  /* separators and the texts that replace */                                                      \
+  X(empty, "") X(space, " ") X(newline, "\n") X(tab, "\t") X(comma, ", ") X(and_sep, " and ")      \
+  X(bar, "|") X(escaped_bar, "\\|") X(backslash, "\\") X(two_backslashes, "\\\\")                  \
+  X(open_brace, "{") X(two_open_braces, "{{") X(close_brace, "}") X(two_close_braces, "}}")        \
+  X(dot, ".") X(rule, "---")
+// clang-format on
 
 enum class Id {
 #define REGISTRY_DOCS_ENUM(id, text) id,
