@@ -268,19 +268,6 @@ PyType_Slot function_slots[] = {
     {0, nullptr},
 };
 
-}  // namespace
-
-PyType_Spec function_type_spec = {
-    "registry_docs.function",
-    sizeof(FunctionObject),
-    0,
-    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
-        Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_DISALLOW_INSTANTIATION,
-    function_slots,
-};
-
-namespace {
-
 // The built-ins a def takes when it is made: its globals' `__builtins__` (a module stands for its
 // dict), else those of the code that makes it.
 Ref builtins_for(const State& state, PyObject* globals, PyObject* running) {
@@ -333,27 +320,6 @@ const Fields* native(PyObject* obj) {
   return &fields_of(obj);
 }
 
-}  // namespace
-
-Ref make_function(const State& state, PyObject* module, const FunctionDef& def) {
-  return new_function(state, module, def, {}, PyEval_GetBuiltins());
-}
-
-Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<PyObject*> held) {
-  if (static_cast<int>(held.size()) != def.nfree) {
-    PyErr_SetString(PyExc_SystemError, "a closure made with other values than it names");
-    raise();
-  }
-  return new_function(*env.state, env.module, def, held, env.builtins);
-}
-
-bool Global::is(const FunctionDef& def) const {
-  const Fields* f = native(get());
-  return f && f->def == &def;
-}
-
-namespace {
-
 // The interpreter names the missing variable on the error (`name`), which tracebacks use.
 [[noreturn]] void raise_name_error(const State& state, const char* format, PyObject* key) {
   Ref message = own(PyUnicode_FromFormat(format, key));
@@ -374,6 +340,32 @@ bool builtin(PyObject* builtins, PyObject* key, PyObject** found) {
 }
 
 }  // namespace
+
+PyType_Spec function_type_spec = {
+    "registry_docs.function",
+    sizeof(FunctionObject),
+    0,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+        Py_TPFLAGS_IMMUTABLETYPE | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+    function_slots,
+};
+
+Ref make_function(const State& state, PyObject* module, const FunctionDef& def) {
+  return new_function(state, module, def, {}, PyEval_GetBuiltins());
+}
+
+Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<PyObject*> held) {
+  if (static_cast<int>(held.size()) != def.nfree) {
+    PyErr_SetString(PyExc_SystemError, "a closure made with other values than it names");
+    raise();
+  }
+  return new_function(*env.state, env.module, def, held, env.builtins);
+}
+
+bool Global::is(const FunctionDef& def) const {
+  const Fields* f = native(get());
+  return f && f->def == &def;
+}
 
 Ref captured(const Env& env, PyObject* const* held, int i) {
   const Fields* f = env.function ? &fields_of(env.function) : nullptr;

@@ -6,12 +6,8 @@
 
 namespace registry_docs {
 
-namespace {
-
 // At most 6 arguments are ever passed; one slot before them lets callees reuse the array.
 constexpr size_t kMaxArgs = 7;
-
-}  // namespace
 
 Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
   PyObject* stack[kMaxArgs + 1];
