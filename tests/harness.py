@@ -20,13 +20,9 @@ EXAMPLE = Path(os.environ.get("REGISTRY_DOCS_EXAMPLE", Path(__file__).resolve().
 MODEL_FILE = Path(__file__).with_name("reference_model.py")
 
 
-def python_model():
-    """The model run into a copy of the module's globals, where it looks up every name it reads."""
-    exec(compile(MODEL_FILE.read_text("utf-8"), MODEL_FILE, "exec"), namespace := dict(vars(docs), __annotations__={}))
-    return namespace
-
-
-MODEL = python_model()
+# The model run into a copy of the module's globals, where it looks up every name it reads.
+MODEL = dict(vars(docs), __annotations__={})
+exec(compile(MODEL_FILE.read_text("utf-8"), MODEL_FILE, "exec"), MODEL)
 SIDES = {"module": docs.__dict__, "model": MODEL}
 
 
@@ -75,9 +71,6 @@ class Record:
         if field not in self.fields:
             raise AttributeError(f"{self.tag} has no field {field!r}")
         return self.fields[field]
-
-    def __delattr__(self, field):
-        self.fields.pop(field, None)
 
 
 # A schema mapping whose reads, through each operation Python code uses on one, are sites.
@@ -157,8 +150,7 @@ def error_seen(side, error, depth=4):
 def outcome(side, call):
     previous, Side.running = Side.running, side
     try:
-        result = call(side)
-        return ("ok", shown(result), kinds(result))
+        return ("ok", shown(result := call(side)), kinds(result))
     except RecursionError:
         return ("error", RecursionError)  # worded by the depth at which it is noticed
     except Exception as error:  # compared with the other side's, never swallowed
@@ -232,23 +224,24 @@ def run_case(case, ns, form="literal"):
                        if key in names or saved.get(key, ns) is not value})
             for key in vars(side).keys() - {"ns", "case", "events", "raised", "count"}:
                 setattr(side, key, fresh(getattr(side, key), form, memo))
-        result = outcome(side, side.call)
-        return result, case.after(side) if case.after else None, side.events
+        return outcome(side, side.call), case.after(side) if case.after else None, side.events
     finally:
         ns.clear()
         ns.update(saved)
 
 
 class Comparison(unittest.TestCase):
-    """Runs cases on both sides; `agreed()` fails on any difference, showing the first few."""
+    """Runs cases on both sides; `compared()` fails on any difference, showing the first few."""
 
     maxDiff = None
 
     def setUp(self):
         self.mismatches, self.ends = collections.Counter(), collections.Counter()
 
-    def same(self, case, forms=FORMS):  # the literal form's outcome
-        return [self.same_in(case, form) for form in forms][0]
+    def compared(self, cases, forms=FORMS):  # the literal form's outcome of each case, by label
+        ends = {case.label: [self.same_in(case, form) for form in forms][0] for case in cases}
+        self.assertEqual(+self.mismatches, {}, "cases whose outcome or reads differ, by kind")
+        return ends
 
     def same_in(self, case, form):
         module, model = (run_case(case, ns, form) for ns in SIDES.values())
@@ -260,13 +253,13 @@ class Comparison(unittest.TestCase):
                 self.assertEqual(module, model)
         return module[0]
 
-    def agreed(self):
-        self.assertEqual(+self.mismatches, {}, "cases whose outcome or reads differ, by kind")
-
 
 @contextlib.contextmanager
-def example_copy():
-    """A temporary copy of the example host repository; yields its root."""
+def example_copy(with_module=False):
+    """A temporary copy of the example host repository, its package holding this build's module if
+    `with_module`; yields its root."""
     with tempfile.TemporaryDirectory() as directory:
         shutil.copytree(EXAMPLE, root := Path(directory) / "example", ignore=shutil.ignore_patterns("__pycache__"))
+        if with_module:
+            shutil.copy(docs.__file__, root / "src/quenor_dorvan/setup")
         yield root

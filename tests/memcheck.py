@@ -11,7 +11,7 @@ import xml.etree.ElementTree as ElementTree
 import quenor_dorvan.setup.registry_docs as docs
 
 
-def counted(kind, stacks, module):
+def counted(kind, stacks, module=os.path.realpath(docs.__file__)):
     if kind.startswith("Leak_"):
         return kind == "Leak_DefinitelyLost" and any(obj == module for obj, _, _ in stacks[0]) and not any(
             fn == "PyModule_ExecDef" for _, fn, _ in stacks[0])
@@ -21,7 +21,6 @@ def counted(kind, stacks, module):
 
 
 def main(valgrind):
-    module = os.path.realpath(docs.__file__)
     with tempfile.TemporaryDirectory() as directory:
         report = os.path.join(directory, "memcheck.xml")
         done = subprocess.run([valgrind, "--leak-check=full", "--show-leak-kinds=definite", "--num-callers=50",
@@ -32,7 +31,7 @@ def main(valgrind):
             stacks = [[(os.path.realpath(frame.findtext("obj") or "/"), frame.findtext("fn"), frame.findtext("line"))
                        for frame in stack.iter("frame")] for stack in error.iter("stack")]
             kind = error.findtext("kind")
-            if counted(kind, stacks, module):
+            if counted(kind, stacks):
                 found.append("\n    ".join([f"{kind}: {error.findtext('what') or error.findtext('xwhat/text')}"]
                                            + [f"{fn}:{line}" for stack in stacks for _, fn, line in stack]))
     print(*found, sep="\n", file=sys.stderr)

@@ -40,8 +40,7 @@ def example_cases():
 SEED, CASES = 20240611, 300
 SPACES = [c for c in map(chr, range(0x3001)) if c.isspace()] + ["\u200b"]  # \u200b stays inside a word
 # Texts of each storage width: Latin-1 only, with BMP letters and lone surrogates, with astral ones.
-WORDS = ["find", "a|b", "|", "\\", "\\d", "{x}", "{", "}", "`code`", "why?", "done.", "\\1",
-         "\\g<0>", "é", "ÿ|"]
+WORDS = r"find a|b | \ \d {x} { } `code` why? done. \1 \g<0> é ÿ|".split()
 WIDE_WORDS = ["\ud800", "\udfff", "ǅ", "Ωμέγα", "名前", "\U0001f600", "𝔘|", "\U0010ffff"]
 NAME_PARTS = ["search", "find", "refs", "x", "v2", "2", "é", "名", "ǅ", "Ⅻ", "", "token", "𝔘"]
 TIERS = ["core", "extended", "beta", "EXTENDED", "Core", "ǆemo", "ßeta", "İx", "ΟΔΟΣ", "a-b"]
@@ -72,8 +71,7 @@ def name(rng):
 def marked_text(rng):
     def part(marker, kind):
         if kind < 0.4:
-            body = rng.choice(["", "old\n", "<!-- registry:a -->\n"])
-            return f"<!-- registry:{marker} -->\n{body}<!-- /registry:{marker} -->"
+            return block(marker, rng.choice(["", "old\n", "<!-- registry:a -->\n"]))
         if kind < 0.7:
             return rng.choice([f"<!-- registry:{marker} -->" + rng.choice(["\n", "\r\n", ""]),
                                f"<!-- /registry:{marker} -->"])
@@ -107,9 +105,8 @@ def new_prop(rng):
 
 
 def random_registry(rng):
-    tiers = ("core", "extended")
-    if rng.random() < 0.3:
-        tiers = rng.choice([tuple, tuple, list])(rng.choices(TIERS, k=rng.randint(1, 3)))
+    tiers = (rng.choice([tuple, tuple, list])(rng.choices(TIERS, k=rng.randint(1, 3)))
+             if rng.random() < 0.3 else ("core", "extended"))
     tools, schemas = [], {}
     for _ in range(rng.randint(0, 8)):
         actions = [name(rng) for _ in range(rng.randint(0, 3))]
@@ -155,9 +152,8 @@ def random_cases(seed=SEED, count=CASES):
         for i, entry in enumerate(tools):
             for function in ("mcp_params_block", "cli_usage"):
                 yield Case(f"{function}: registry {number} tool {i}", world, call(function, entry))
-            properties = schemas[entry.fields["name"]]["properties"]
             for p in entry.fields["all_params"]:
-                prop = properties.get(p.fields["name"]) or new_prop(rng)
+                prop = schemas[entry.fields["name"]]["properties"].get(p.fields["name"]) or new_prop(rng)
                 yield Case(f"_default_cell: {number}", world, call("_default_cell", p))
                 yield Case(f"_type_cell: {prop!r}", world, call("_type_cell", prop))
                 yield Case(f"_description_cell: {number}", world, call("_description_cell", p, prop))
@@ -190,7 +186,7 @@ def stand_ins(side):
 
     values = callback("values_text", "")
     side.param = lambda name, **fields: param(name, values_text=values, **fields)
-    tools = [
+    side.tools = tools = [
         tool_of("find_refs", "core", ["find", "list"], "Finds | refs\n  here", [
             side.param("path", required=True),
             param("limit", default=20, action_defaults=[("list", 50)], applies_to=["find"],
@@ -207,7 +203,6 @@ def stand_ins(side):
         "properties": {p.fields["name"]: properties[p.fields["name"]] for p in entry.fields["all_params"]},
         "required": [p.fields["name"] for p in entry.fields["all_params"] if p.fields["required"]]}
         for entry in tools}
-    side.tools = tools
 
     render = lambda name, *args: callback("renderer", lambda: side.ns[name](*args))  # noqa: E731
     side.record = Record("record", path="docs/mcp-tools.md", encode=callback("encode", lambda text: text), blocks=[
@@ -224,8 +219,8 @@ def stand_ins(side):
         QUENOR_INSTRUCTION_CONTENT=" intro\n" + block("r1", "old\n") + " mid " + block("r2", ""))
 
 
-def rebind(name, value):
-    return lambda side: side.ns.__setitem__(name, value)
+def rebind(**values):
+    return lambda side: side.ns.update(values)
 
 
 def delete(name):
@@ -246,7 +241,7 @@ def walk_more(side):
 def drop_fields(side):
     for record, field in [*((t, f) for t in side.tools for f in ("summary", "action_names")),
                           *((p, "default") for t in side.tools for p in t.fields["all_params"])]:
-        delattr(record, field)
+        record.fields.pop(field, None)
 
 
 # Among them, functions whose arguments run callbacks: a call looks its function up before it
@@ -257,7 +252,7 @@ REBOUND = {"_TIERS": ("extended", "core"), "_NONE": "none", "_row": lambda cells
            "_value": lambda value: f"<{value}>", "snake_to_kebab": str.upper}
 DELETED = ("_NONE", "TOOLS", "_tier_tools", "mcp_params_block", "_code", "_cell", "_value", "snake_to_kebab",
            "get_cli_schema")
-ACTIONS = {**{f"rebinds {name}": rebind(name, value) for name, value in REBOUND.items()},
+ACTIONS = {**{f"rebinds {name}": rebind(**{name: value}) for name, value in REBOUND.items()},
            **{f"deletes {name}": delete(name) for name in DELETED},
            "clears TOOLS": lambda side: side.ns["TOOLS"].clear(),
            "replaces TOOLS": lambda side: side.ns.__setitem__("TOOLS", side.tools[2:]),
@@ -311,20 +306,16 @@ def midway_cases():
         return lambda side: side.ns.__setitem__(name, lambda *args, own=side.ns[name]: Midway(
             side, own(*args), count))
 
-    def field(name):
-        def change(side):
-            record = next(r for r in (side.tools[0], side.tools[0].fields["all_params"][1]) if name in r.fields)
-            record.fields[name] = Midway(side, record.fields[name])
+    def field(name):  # of the first tool, or else of its second parameter
+        return lambda side: next(r.fields.update({name: Midway(side, r.fields[name])}) for r in (
+            side.tools[0], side.tools[0].fields["all_params"][1]) if name in r.fields)
 
-        return change
-
-    def fail_second(name):  # the second call of the module's own function fails
-        return lambda side: side.ns.__setitem__(name, lambda *args, own=side.ns[name], calls=[]: (
-            side.fail(f"{name} failed") if len(calls.append(0) or calls) == 2 else own(*args)))
-
-    def table(go_on):  # a caller's `_table` that reads past a failing row, or stops at it
+    def fail_second(name, go_on):  # the second call of the module's own function fails, and a
+        # caller's `_table` reads past the failing row, or stops at it
         read = (lambda row: tried(lambda: "/".join(row))) if go_on else "/".join
-        return lambda side: side.ns.__setitem__("_table", lambda header, rows: [read(row) for row in rows])
+        return lambda side: side.ns.update({name: lambda *args, own=side.ns[name], calls=[]: (
+            side.fail(f"{name} failed") if len(calls.append(0) or calls) == 2 else own(*args)),
+            "_table": lambda header, rows: [read(row) for row in rows]})
 
     cases = [
         (replaced("ordered_tools", 2), ["skill_tools_block", "mcp_overview_block", "mcp_cli_block",
@@ -341,11 +332,9 @@ def midway_cases():
         (lambda side: side.record.fields.__setitem__("blocks", Midway(side, side.record.fields["blocks"])),
          ["render_file"]),
     ]
-    for go_on in (False, True):
-        cases += [(lambda side, go_on=go_on: (table(go_on)(side), fail_second("_cell")(side)),
-                   ["skill_tools_block", "readme_tools_block", "mcp_overview_block", "mcp_params_block"]),
-                  (lambda side, go_on=go_on: (table(go_on)(side), fail_second("cli_usage")(side)),
-                   ["mcp_cli_block"])]
+    cases += [(fail_second(name, go_on), calls) for go_on in (False, True) for name, calls in [
+        ("_cell", ["skill_tools_block", "readme_tools_block", "mcp_overview_block",
+                   "mcp_params_block"]), ("cli_usage", ["mcp_cli_block"])]]
     for number, (change, calls) in enumerate(cases):
         yield from changed(f"midway {number}", change, calls)
 
@@ -376,15 +365,13 @@ def odd_cases():
     default = lambda value, field="default": lambda side: (  # noqa: E731
         side.tools[0].fields["all_params"][1].fields.update({field: value}))
     prop = lambda **values: lambda side: side.schemas["find_refs"]["properties"]["path"].update(values)  # noqa: E731
-    names = lambda **values: lambda side: side.ns.update(values)  # noqa: E731
     record = lambda **values: lambda side: side.record.fields.update(values)  # noqa: E731
     renderers = lambda value: record(blocks=[(name, lambda: value) for name in (  # noqa: E731
         "mcp-intro", "mcp-overview", "params:find_refs", "mcp-cli")])
     Shown = type("Shown", (str,), {"__format__": lambda self, spec: "no"})  # concatenated, not formatted
     Capitalized = type("Capitalized", (str,), {"capitalize": lambda self: Shown("Alpha")})
     Positions = type("Positions", (tuple,), {"index": lambda self, tier: {"core": 0, "extended": 1.5}[tier]})
-    extra = {"ordered_tools": call("ordered_tools"), "_tier_counts": call("_tier_counts"),
-             "_tier_tools": lambda side: side.ns["_tier_tools"](side.ns["_TIERS"][0]),
+    extra = {"_tier_tools": lambda side: side.ns["_tier_tools"](side.ns["_TIERS"][0]),
              "_type_cell": lambda side: side.ns["_type_cell"](side.schemas["find_refs"]["properties"]["path"]),
              "_default_cell": lambda side: side.ns["_default_cell"](side.tools[0].fields["all_params"][1]),
              "_description_cell": lambda side: side.ns["_description_cell"](
@@ -408,21 +395,21 @@ def odd_cases():
         (default(nested), ["mcp_params_block"]),
         (default(Spelled()), ["_default_cell"]),
         (default(type("Pair", (tuple,), {})((1.5, True))), ["_default_cell"]),
-        (names(_NONE=None), ["readme_tools_block", "mcp_params_block"]),
-        (names(_TIERS=("core", None, 3)), ["mcp_intro_block", "mcp_overview_block"]),
-        (names(_TIERS=Positions(("core", "extended"))), ["ordered_tools"]),
-        (names(_TIERS=("core", "extended", "beta")), ["_tier_tools", "_tier_counts"]),
+        (rebind(_NONE=None), ["readme_tools_block", "mcp_params_block"]),
+        (rebind(_TIERS=("core", None, 3)), ["mcp_intro_block", "mcp_overview_block"]),
+        (rebind(_TIERS=Positions(("core", "extended"))), ["ordered_tools"]),
+        (rebind(_TIERS=("core", "extended", "beta")), ["_tier_tools", "_tier_counts"]),
         (lambda side: side.ns.update(TOOLS=iter(side.tools)), ["ordered_tools", "readme_tools_block"]),
-        (names(ToolTier=typing.Literal["extended", "core"]), ["ordered_tools"]),  # the tiers are fixed at import
+        (rebind(ToolTier=typing.Literal["extended", "core"]), ["ordered_tools"]),  # the tiers are fixed at import
         (lambda side: side.ns.update(_code=side.ns["_value"], _value=side.ns["_cell"],
                                      _tier_tools=side.ns["_code"]),  # each side's own functions, swapped
          ["readme_tools_block", "mcp_overview_block", "mcp_params_block", "_tier_counts"]),
-        (names(ENDPOINT_FRAMEWORKS={"a": None}), ["skill_routes_block"]),
-        (names(QUENOR_INSTRUCTION_CONTENT=None), ["rules_block"]),
-        (names(_MARKER=Subbed()), ["rules_block", "render_file"]),
+        (rebind(ENDPOINT_FRAMEWORKS={"a": None}), ["skill_routes_block"]),
+        (rebind(QUENOR_INSTRUCTION_CONTENT=None), ["rules_block"]),
+        (rebind(_MARKER=Subbed()), ["rules_block", "render_file"]),
         (lambda side: (side.ns.update(_MARKER=NO_SUB),  # `sub` is read before the content
                        side.ns.pop("QUENOR_INSTRUCTION_CONTENT")), ["rules_block"]),
-        (names(QUENOR_INSTRUCTION_CONTENT=b"<!-- registry:a -->\n<!-- /registry:a -->"), ["rules_block"]),
+        (rebind(QUENOR_INSTRUCTION_CONTENT=b"<!-- registry:a -->\n<!-- /registry:a -->"), ["rules_block"]),
         (renderers(None), ["render_file"]),
         (lambda side: (renderers(None)(side), record(encode=side.ns["_skill_text"])(side)), ["render_file"]),
         (record(encode=type("Suffix", (str,), {"__radd__": lambda self, other: f"{other}<{self}>"})),
@@ -437,7 +424,7 @@ def odd_cases():
             schema.update(properties={value if key == "path" else key: prop for key, prop in schema[
                 "properties"].items()}, required=[value])
 
-        cases += [(names(_TIERS=(value, "core", "extended")), ["_tier_tools"]),
+        cases += [(rebind(_TIERS=(value, "core", "extended")), ["_tier_tools"]),
                   (lambda side, value=value: (side.ns.update(_TIERS=(value, "core", "extended")),
                                               fields(0, tier=value)(side)), ["ordered_tools", "mcp_overview_block"]),
                   (prop(type=value, items={"type": "x"}), ["_type_cell"]), (renamed, ["mcp_params_block"]),
@@ -489,33 +476,28 @@ Header = type("Header", (), {"__iter__": lambda self: reached("header") or iter(
 def table_cases():
     for (label, header), (action_name, action), nth in itertools.product(
             [("tuple", lambda: ("A", "B")), ("one-shot", lambda: iter(("A",))), ("site", Header)],
-            [("", None), ("rebinds _row", rebind("_row", lambda cells: "new"))], (1, 2)):
+            [("", None), ("rebinds _row", rebind(_row=lambda cells: "new"))], (1, 2)):
         yield Case(f"table: {label} {action_name} {nth}", lambda side: {}, lambda side, header=header: side.ns[
             "_table"](header(), iter([["a", "b"], ("c",), []])), site="header", nth=nth, action=action)
 
 
 class CompareTest(Comparison):
     def test_example_host_and_odd_values(self):
-        for case in itertools.chain(example_cases(), odd_cases(), midway_cases(), table_cases(), wrong_kind_cases()):
-            self.same(case)
+        self.compared(itertools.chain(example_cases(), odd_cases(), midway_cases(), table_cases(),
+                                      wrong_kind_cases()))
         self.assertEqual({kind for kind, end in self.ends if end != "ok"} & {"example"}, set())
-        self.agreed()
 
     def test_random_registries(self):
-        for case in random_cases():
-            self.same(case)
+        self.compared(random_cases())
         # The registries reach both the rendered and the failing paths.
         for label in ("ordered_tools", "mcp_params_block", "_default_cell", "_type_cell", "render_file"):
             self.assertGreater(self.ends[label, "ok"], self.ends[label, "error"], label)
             self.assertGreater(self.ends[label, "error"], self.ends[label, "ok"] // 100, label)
-        self.agreed()
 
     def test_actions_at_every_site(self):
-        for case in action_cases():  # the stand-ins' texts are made anew in the other tests
-            self.same(case, forms=["literal"])
+        self.compared(action_cases(), forms=["literal"])  # other tests make the stand-ins anew
         ends = {end: sum(n for (_, e), n in self.ends.items() if e == end) for end in ("ok", "error")}
         self.assertTrue(ends["error"] > 250 and ends["ok"] > 1000, ends)  # the actions reach both ends of a call
-        self.agreed()
 
 if __name__ == "__main__":
     unittest.main()

@@ -1,7 +1,6 @@
 """The example host as its users run it: the maintenance script by hand, in CI and from
 pre-commit, and the Markdown it writes as GitHub renders it (cmark-gfm with its table extension)."""
 
-import contextlib
 import os
 import re
 import shutil
@@ -11,20 +10,11 @@ import tempfile
 import unittest
 from pathlib import Path
 
-import harness
-from harness import docs
+from harness import docs, example_copy
 
 CMARK_GFM = shutil.which("cmark-gfm")
 PATHS = [generated.path for generated in docs.generated_files()]
 HINT = "run `python3 scripts/gen_registry_docs.py {}--write`, then commit the files it prints\n"
-
-
-@contextlib.contextmanager
-def host_repository():
-    """A copy of the example host repository whose package holds this build's module."""
-    with harness.example_copy() as root:
-        shutil.copy(docs.__file__, root / "src/quenor_dorvan/setup")
-        yield root
 
 
 def run(root, *args, env=None):
@@ -55,7 +45,7 @@ def lines(texts):
 class ExampleTest(unittest.TestCase):
     @unittest.skipUnless(shutil.which("git"), "git is not installed")
     def test_check_diff_and_write(self):
-        with host_repository() as root, harness.example_copy() as patched:
+        with example_copy(True) as root, example_copy() as patched:
             for tree in (root, patched):
                 # Only "\n" ends a line of the diff: a form feed or U+2028 in the hand-written text
                 # stays inside its line; a file may end right after a block, without a line end.
@@ -114,7 +104,7 @@ class ExampleTest(unittest.TestCase):
         ]
         for path, edits, args, error, faults in cases:
             for mode, newline in (("--check", "\n"), ("--write", "\r\n")):  # "\r\n" line ends count alike
-                with self.subTest(error=error or faults[0], mode=mode), host_repository() as root:
+                with self.subTest(error or faults[0], mode=mode), example_copy(True) as root:
                     change(root / path, edits, newline)
                     [first] = [error] if error else [line for line in docs.stale_blocks(root) if " markers " in line]
                     expected, before = lines([f"gen_registry_docs: {first}", *(f"{path}:{f}" for f in faults)]), files(root)
@@ -122,7 +112,7 @@ class ExampleTest(unittest.TestCase):
 
     @unittest.skipUnless(shutil.which("git") and shutil.which("pre-commit"), "git or pre-commit is not installed")
     def test_pre_commit_hook(self):
-        with host_repository() as root, tempfile.TemporaryDirectory() as home:
+        with example_copy(True) as root, tempfile.TemporaryDirectory() as home:
             # The hook's `python3` is this interpreter; git and pre-commit see none of the user's set-up.
             env = dict(os.environ, PYTHONPATH=str(root / "src"), PRE_COMMIT_HOME=home, GIT_CONFIG_GLOBAL=os.devnull,
                        GIT_CONFIG_NOSYSTEM="1", PATH=os.pathsep.join([str(Path(sys.executable).parent), os.environ["PATH"]]))
@@ -139,7 +129,7 @@ class ExampleTest(unittest.TestCase):
 
     @unittest.skipUnless(CMARK_GFM, "cmark-gfm is not installed")
     def test_tables_keep_their_columns_and_pipes(self):
-        with harness.example_copy() as root:
+        with example_copy() as root:
             docs.write_blocks(root)
             for path in ("README.md", "docs/mcp-tools.md"):
                 text = (root / path).read_text(encoding="utf-8")

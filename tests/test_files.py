@@ -37,12 +37,11 @@ CURRENT = "# R\n" + block("a", "new a\n") + "\n" + block("b", "new b\n") + "\n"
 STALE = {"README.md": "# R\n" + block("a", "old\n") + "\n" + block("b", "new b\n") + "\n",
          "docs/x.md": "\r\n".join(["", block("b", "x\r\n"), block("a", "y\r\n"), "\r"]),
          "docs/bom.md": "\ufeff" + block("c", "old\n")}
-FILES = {"README.md": "a b", "docs/x.md": "a b", "docs/bom.md": "c"}
+RECORDS = [record("README.md", "a", "b"), record("docs/x.md", "a", "b"), record("docs/bom.md", "c")]
 SCENARIOS = {
     "current": ({"README.md": CURRENT, "docs/x.md": CURRENT.replace("\n", "\r\n"),
-                 "docs/bom.md": "\ufeff" + block("c", "new c\n")},
-                [record(path, *names.split()) for path, names in FILES.items()]),
-    "stale": (STALE, [record(path, *names.split()) for path, names in FILES.items()]),
+                 "docs/bom.md": "\ufeff" + block("c", "new c\n")}, RECORDS),
+    "stale": (STALE, RECORDS),
     "wrong markers": ({"one.md": block("a", "old\n"), "two.md": block("a", "") + block("a", ""),
                        "three.md": block("c", "old\n")},
                       [record("one.md", "a"), record("two.md", "a"), record("three.md", "c")]),
@@ -84,10 +83,10 @@ def run(function):
 
 
 # What a caller may do while files are read or written: the names are looked up at each use.
-ACTIONS = {"rebinds render_file": rebind("render_file", lambda text, generated: text.upper()),
+ACTIONS = {"rebinds render_file": rebind(render_file=lambda text, generated: text.upper()),
            "deletes render_file": delete("render_file"), "deletes _read": delete("_read"),
-           "rebinds _blocks": rebind("_blocks", lambda text: {"a": text}),
-           "rebinds generated_files": rebind("generated_files", lambda: ()), "raises": lambda side: side.fail()}
+           "rebinds _blocks": rebind(_blocks=lambda text: {"a": text}),
+           "rebinds generated_files": rebind(generated_files=lambda: ()), "raises": lambda side: side.fail()}
 
 
 def file_cases():
@@ -102,12 +101,10 @@ def file_cases():
 
 class FilesTest(Comparison):
     def test_check_and_write(self):
-        ends = {case.label: self.same(case) for case in file_cases()}
-        self.assertEqual(ends["current: write_blocks"][:2], ("ok", []))
-        self.assertEqual(ends["stale: write_blocks"][:2], ("ok", list(FILES)))
-        self.assertEqual(ends["listed twice: write_blocks"][:2], ("ok", ["README.md"]))
+        ends = self.compared(file_cases())
+        written = [ends[f"{label}: write_blocks"][:2] for label in ("current", "stale", "listed twice")]
+        self.assertEqual(written, [("ok", []), ("ok", [r.path for r in RECORDS]), ("ok", ["README.md"])])
         self.assertEqual(ends["unprintable: stale_blocks"][1:3], (RuntimeError, "str"))
-        self.agreed()
 
 
 if __name__ == "__main__":

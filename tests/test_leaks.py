@@ -14,9 +14,8 @@ import test_kept
 import test_text
 from harness import Record, Side, docs, run_case
 
-COUNTED = sys.getallocatedblocks() > 0
-CALLS, WARMUP, SAMPLE = (100, 5, 1) if COUNTED else (2, 1, 7)
-GENERATION = 2 if COUNTED else 1  # young garbage only under valgrind: walking the heap is slow there
+# Without counted blocks, young garbage only: walking the heap is slow under valgrind.
+CALLS, WARMUP, SAMPLE, GENERATION = (100, 5, 1, 2) if sys.getallocatedblocks() > 0 else (2, 1, 7, 1)
 UNWATCHED = (type(None), bool, int, float)  # shared singletons and cached numbers move with any code
 
 

@@ -26,12 +26,6 @@ from test_kept import Keeping
 STUB = Path(docs.__file__).with_name("registry_docs.pyi")
 
 
-def stub():
-    """The stub run as Python, its annotations kept as texts: its functions, its record and `__all__`."""
-    exec(compile(STUB.read_text("utf-8"), str(STUB), "exec", __future__.annotations.compiler_flag), namespace := {})
-    return namespace
-
-
 def outcome(call):
     try:
         return "ok", type(call()).__name__
@@ -74,9 +68,8 @@ class ModuleTest(unittest.TestCase):
         spec = importlib.util.spec_from_file_location(docs.__name__, MODEL_FILE)  # the model as a module
         spec.loader.exec_module(model := importlib.util.module_from_spec(spec))
         self.assertEqual(list(vars(docs)), list(vars(model)))  # the body's order, as documented
-        for name in ("__all__", "_TIERS", "_NONE", "__annotations__"):
-            self.assertEqual(getattr(docs, name), getattr(model, name), name)
-        self.assertEqual(*[(side._MARKER.pattern, side._MARKER.flags) for side in (docs, model)])
+        self.assertEqual(*[(side.__all__, side._TIERS, side._NONE, side.__annotations__, side._MARKER.pattern,
+                            side._MARKER.flags) for side in (docs, model)])
         self.assertIsNone(docs.__cached__)  # the model's file has a cache; a native module none
         records = [side.GeneratedFile("p", (("a", str),)) for side in (docs, model)]
         self.assertEqual(*[(repr(r), hash(r), r == dataclasses.replace(r), r.__match_args__, type(r).__qualname__,
@@ -84,7 +77,9 @@ class ModuleTest(unittest.TestCase):
                             outcome(lambda: setattr(r, "path", "q"))) for r in records])
 
     def test_functions_are_the_stubs_and_behave_as_defs(self):
-        stubbed = stub()
+        # The stub run as Python, its annotations kept as texts: functions, record and `__all__`.
+        stubbed, source = {}, STUB.read_text("utf-8")
+        exec(compile(source, str(STUB), "exec", __future__.annotations.compiler_flag), stubbed)
         functions = {name: f.__annotations__ for name, f in stubbed.items() if getattr(f, "__globals__", 0) is stubbed}
         own = {name: value for name, value in vars(docs).items() if type(value) is type(docs._code)}
         self.assertEqual([(name, f.__annotations__) for name, f in own.items()], list(functions.items()))

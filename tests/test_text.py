@@ -63,10 +63,7 @@ def scanner_cases():
 
 class TextTest(Comparison):
     def test_cells_widths_and_markers(self):
-        for cases in (cell_cases(), width_cases(), scanner_cases()):
-            for case in cases:
-                self.same(case)
-        self.agreed()
+        self.compared(itertools.chain(cell_cases(), width_cases(), scanner_cases()))
 
     def test_scan_is_linear_on_unclosed_opens(self):
         # The module only: the pattern's own engine takes over a minute here.
