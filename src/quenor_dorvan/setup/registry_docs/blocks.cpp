@@ -289,8 +289,7 @@ const FunctionDef kRulesRender("render", nullptr, rules_render_body, {{"match", 
 // `without_markers(_MARKER.sub(render, QUENOR_INSTRUCTION_CONTENT)).strip()`.
 Ref rules_block_body(const Env& env, PyObject* const*) {
   Global strip_markers = lookup(env, Id::without_markers);
-  // `_MARKER.sub` is read before its arguments are evaluated: a missing `_MARKER`, or a rebound one
-  // without `sub`, fails before the content is looked up.
+  // `_MARKER.sub` is read before its arguments: a `_MARKER` missing or without `sub` fails first.
   Global marker = lookup(env, Id::MARKER);
   Ref sub = env.attr(marker.get(), Id::sub);
   Global content = lookup(env, Id::QUENOR_INSTRUCTION_CONTENT);

@@ -18,9 +18,8 @@ struct StateObject {
 };
 
 int state_traverse(PyObject* self, visitproc visit, void* arg) {
-  State& state = reinterpret_cast<StateObject*>(self)->state;
   Py_VISIT(Py_TYPE(self));
-  for (Ref* ref : state.references()) Py_VISIT(ref->get());
+  for (Ref* ref : reinterpret_cast<StateObject*>(self)->state.references()) Py_VISIT(ref->get());
   return 0;
 }
 
@@ -57,12 +56,10 @@ PyType_Spec state_spec = {
 
 PyObject* State::constant(const char* text, bool header) const {
   Ref& value = constants_[header][text];
-  if (!value) {
-    Ref made = own(PyUnicode_InternFromString(text));
-    if (header)
-      made = own(PyList_AsTuple(own(PyUnicode_Split(made.get(), name(Id::tab), -1)).get()));
-    value = std::move(made);
-  }
+  if (value) return value.get();
+  Ref made = own(PyUnicode_InternFromString(text));
+  value = header ? own(PyList_AsTuple(own(PyUnicode_Split(made.get(), name(Id::tab), -1)).get()))
+                 : std::move(made);
   return value.get();
 }
 
