@@ -21,7 +21,7 @@ Ref line_then_table(const Env& env, Obj line, PyObject* header, PyObject* rows) 
 
 // `tool.tier.capitalize()`.
 Ref capitalized_tier(const Env& env, PyObject* tool) {
-  return env.method(env.attr(tool, Id::tier).get(), Id::capitalize, {});
+  return env.method(env.attr(tool, Id::tier).get(), Id::capitalize);
 }
 
 Ref skill_row(const Env& env, PyObject* tool, Py_ssize_t, int cell) {
@@ -82,7 +82,7 @@ Ref overview_row(const Env& env, PyObject* tool, Py_ssize_t number, int cell) {
 Ref mcp_overview_block_body(const Env& env, PyObject* const*) {
   Ref rows = lazy_rows(env, lookup(env, Id::ordered_tools)(), overview_row);
   Ref tiers = collect(lookup(env, Id::TIERS).get(), [&](PyObject* tier) {
-    return add({fstr({"- **", env.method(tier, Id::capitalize, {}), "** (",
+    return add({fstr({"- **", env.method(tier, Id::capitalize), "** (",
                       len(lookup(env, Id::tier_tools)(tier)), " tools): "}),
                 code_spans(env, lookup(env, Id::tier_tools)(tier).get(), ", ", true)});
   });
@@ -143,13 +143,13 @@ Ref description_cell_body(const Env& env, PyObject* const* args) {
   PyObject* prop = args[1];
   Ref description = env.method(
       mapping_get(prop, env.name(Id::description), env.name(Id::get), env.name(Id::empty)).get(),
-      Id::strip, {});
+      Id::strip);
   if (truth(description.get()) &&
       !ends_with(description.get(), env.name(Id::dot), env.name(Id::endswith))) {
     description = own(PyNumber_InPlaceAdd(description.get(), env.name(Id::dot)));
   }
   Ref values_text = env.attr(param, Id::values_text);
-  Ref values = call(values_text.get(), {lookup(env, Id::code).get()});
+  Ref values = call(values_text.get(), lookup(env, Id::code).get());
   Ref low = mapping_get(prop, env.name(Id::minimum), env.name(Id::get));
   Ref high = mapping_get(prop, env.name(Id::maximum), env.name(Id::get));
   Ref bound =
@@ -251,7 +251,7 @@ Ref replaced(const Env& env, PyObject* text, Id old_text, Id new_text) {
     }
     return own(PyUnicode_Replace(text, old, replacement, -1));
   }
-  return env.method(text, Id::replace, {old, replacement});
+  return env.method(text, Id::replace, old, replacement);
 }
 
 Ref literal_text_body(const Env& env, PyObject* const* args) {
@@ -268,7 +268,7 @@ Ref skill_text_body(const Env& env, PyObject* const* args) {
 Ref skill_routes_block_body(const Env& env, PyObject* const*) {
   Global table = lookup(env, Id::skill_table);
   Global frameworks = lookup(env, Id::ENDPOINT_FRAMEWORKS);
-  Ref joined = join(env.name(Id::comma), env.method(frameworks.get(), Id::values, {}).get());
+  Ref joined = join(env.name(Id::comma), env.method(frameworks.get(), Id::values).get());
   Ref facts = own(PyDict_New());
   check(PyDict_SetItem(facts.get(), env.name(Id::frameworks), joined.get()));
   return table(facts);
@@ -295,7 +295,7 @@ Ref rules_block_body(const Env& env, PyObject* const*) {
   Global content = lookup(env, Id::QUENOR_INSTRUCTION_CONTENT);
   Ref rendered = replace_blocks(env, marker.get(), sub.get(), content.get(),
                                 {kRulesRender, routes_for_block}, {});
-  return env.method(strip_markers(rendered).get(), Id::strip, {});
+  return env.method(strip_markers(rendered).get(), Id::strip);
 }
 
 }  // namespace

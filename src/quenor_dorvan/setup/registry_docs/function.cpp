@@ -385,12 +385,10 @@ Global lookup(const Env& env, Id id) {
   raise_name_error(*env.state, "name '%U' is not defined", key);
 }
 
-Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args) {
+Ref call_vector(PyObject* callable, PyObject* const* args, size_t nargs) {
   const Fields* f = native(callable);
-  if (f && static_cast<int>(args.size()) == f->def->nparams) {
-    return run_body(callable, args.begin());
-  }
-  return call(callable, args);
+  if (f && static_cast<int>(nargs) == f->def->nparams) return run_body(callable, args);
+  return own(PyObject_Vectorcall(callable, args, nargs | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
 }
 
 }  // namespace registry_docs

@@ -66,8 +66,15 @@ Ref make_closure(const Env& env, const FunctionDef& def, std::initializer_list<P
 // one raises as a def's read does; until then, and on the native path, the value held.
 Ref captured(const Env& env, PyObject* const* held, int i);
 
-// Calls any callable with positional arguments; the module's own functions run their body directly.
-Ref call_found(PyObject* callable, std::initializer_list<PyObject*> args);
+// Calls any callable with positional arguments, in an array with a slot before it; the module's own
+// functions run their body directly.
+Ref call_vector(PyObject* callable, PyObject* const* args, size_t nargs);
+// The same for arguments given one by one.
+template <typename... Args>
+Ref call_found(PyObject* callable, Args... args) {
+  PyObject* stack[] = {nullptr, args...};
+  return call_vector(callable, stack + 1, sizeof...(Args));
+}
 
 // A module-level name as found at one moment. Looking it up is the first step of a call, as in
 // Python: `lookup(env, Id::code)(text)` finds `_code` before it evaluates `text`.
@@ -78,7 +85,7 @@ class Global : public Ref {
   bool is(const FunctionDef& def) const;
   template <typename... Args>
   Ref operator()(const Args&... args) const {
-    return call_found(get(), {Obj(args).get()...});
+    return call_found(get(), Obj(args).get()...);
   }
 };
 

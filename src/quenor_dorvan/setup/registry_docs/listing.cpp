@@ -15,7 +15,7 @@ Ref tier_key(const Env& env, PyObject* tool) {
   Ref tiers = lookup(env, Id::TIERS);
   if (!PyTuple_CheckExact(tiers.get())) {
     Ref index = env.attr(tiers.get(), Id::index);
-    return call(index.get(), {env.attr(tool, Id::tier).get()});
+    return call(index.get(), env.attr(tool, Id::tier).get());
   }
   // A tuple's own `index`, without a bound method and an argument tuple per tool.
   Ref tier = env.attr(tool, Id::tier);

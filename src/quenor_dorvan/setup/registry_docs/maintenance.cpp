@@ -59,8 +59,8 @@ Ref fill_block(const Env& env, const BlockMatch& match, PyObject* const* held) {
   Ref encode = env.attr(captured(env, held, 0).get(), Id::encode);
   Ref renderers = captured(env, held, 1);
   Ref renderer = subscript(renderers.get(), match.name(env).get());
-  Ref rendered = call_found(renderer.get(), {});
-  return call_found(encode.get(), {rendered.get()});
+  Ref rendered = call_found(renderer.get());
+  return call_found(encode.get(), rendered.get());
 }
 
 Ref file_render_body(const Env& env, PyObject* const* args) {
@@ -109,7 +109,7 @@ Ref read_body(const Env& env, PyObject* const* args) {
 // `[name for name, body in old.items() if new.get(name) != body]`.
 Ref stale_names(const Env& env, PyObject* old_blocks, PyObject* new_blocks) {
   Ref stale = own(PyList_New(0));
-  for_each(env.method(old_blocks, Id::items, {}).get(), [&](PyObject* item) {
+  for_each(env.method(old_blocks, Id::items).get(), [&](PyObject* item) {
     auto [block_name, body] = unpack_pair(item);
     Ref now = mapping_get(new_blocks, block_name.get(), env.name(Id::get));
     if (compare(now.get(), body.get(), Py_NE)) append(stale, block_name);
@@ -196,7 +196,7 @@ Ref write_blocks_body(const Env& env, PyObject* const* args) {
       current = Ref::steal(pending);
     }
     if (!compare(current.get(), text.get(), Py_NE)) return;
-    Ref data = env.method(text.get(), Id::encode, {env.name(Id::utf_8)});
+    Ref data = env.method(text.get(), Id::encode, env.name(Id::utf_8));
     check(PyDict_SetItem(scheduled.get(), path.get(), text.get()));
     append(paths, path);
     append(contents, data);
@@ -206,7 +206,7 @@ Ref write_blocks_body(const Env& env, PyObject* const* args) {
     Ref path = Ref::borrow(PyList_GET_ITEM(paths.get(), i));
     Ref data = Ref::borrow(PyList_GET_ITEM(contents.get(), i));
     Ref file = own(PyNumber_TrueDivide(root.get(), path.get()));
-    env.method(file.get(), Id::write_bytes, {data.get()});
+    env.method(file.get(), Id::write_bytes, data.get());
   }
   return paths;
 }

@@ -113,7 +113,7 @@ Ref cell_body(const Env& env, PyObject* const* args) {
   if (PyUnicode_CheckExact(text)) return cell_text(text);
   // Anything else takes the path the operations themselves define (an override, or the error a
   // non-str raises).
-  Ref joined = join(env.name(Id::space), env.method(text, Id::split, {}).get());
+  Ref joined = join(env.name(Id::space), env.method(text, Id::split).get());
   return own(PyUnicode_Replace(joined.get(), env.name(Id::bar), env.name(Id::escaped_bar), -1));
 }
 

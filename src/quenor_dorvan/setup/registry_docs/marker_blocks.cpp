@@ -99,7 +99,7 @@ Ref block_names_body(const Env& env, PyObject* const* args) {
   PyObject* text = args[0];
   Ref marker = lookup(env, Id::MARKER);
   if (!native_marker(env, marker.get(), text)) {
-    Ref matches = env.method(marker.get(), Id::finditer, {text});
+    Ref matches = env.method(marker.get(), Id::finditer, text);
     return collect(matches.get(),
                    [&](PyObject* match) { return subscript(match, env.name(Id::name)); });
   }
@@ -117,7 +117,7 @@ Ref blocks_body(const Env& env, PyObject* const* args) {
   Ref marker = lookup(env, Id::MARKER);
   Ref bodies = own(PyDict_New());
   if (!native_marker(env, marker.get(), text)) {
-    for_each(env.method(marker.get(), Id::finditer, {text}).get(), [&](PyObject* match) {
+    for_each(env.method(marker.get(), Id::finditer, text).get(), [&](PyObject* match) {
       Ref block_name = subscript(match, env.name(Id::name));
       check(PyDict_SetItem(bodies.get(), block_name.get(),
                            subscript(match, env.name(Id::body)).get()));
@@ -156,7 +156,7 @@ Ref replace_blocks(const Env& env, PyObject* marker, PyObject* sub, PyObject* te
   }
   // The replacement stays a function of its own: `sub` may keep it and call it later.
   Ref render = make_closure(env, replacement.render, held);
-  return call(sub, {render.get(), text});
+  return call(sub, render.get(), text);
 }
 
 const FunctionDef kBlockNames("block_names",

@@ -103,8 +103,9 @@ struct Env {
   PyObject* header(const char* titles) const { return state->constant(titles, true); }
   // `obj.attr` for a name of the table.
   Ref attr(PyObject* obj, Id id) const { return getattr(obj, name(id)); }
-  Ref method(PyObject* obj, Id id, std::initializer_list<PyObject*> args) const {
-    return call_method(obj, name(id), args);
+  template <typename... Args>
+  Ref method(PyObject* obj, Id id, Args... args) const {
+    return call_method(obj, name(id), args...);
   }
 };
 

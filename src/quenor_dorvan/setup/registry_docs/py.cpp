@@ -6,28 +6,10 @@
 
 namespace registry_docs {
 
-// At most 6 arguments are ever passed; one slot before them lets callees reuse the array.
-constexpr size_t kMaxArgs = 7;
-
-Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
-  PyObject* stack[kMaxArgs + 1];
-  size_t n = 0;
-  for (PyObject* arg : args) stack[1 + n++] = arg;
-  return own(PyObject_Vectorcall(callable, stack + 1, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
-}
-
-Ref call_method(PyObject* obj, PyObject* method, std::initializer_list<PyObject*> args) {
-  PyObject* stack[kMaxArgs + 1];
-  stack[0] = obj;
-  size_t n = 1;
-  for (PyObject* arg : args) stack[n++] = arg;
-  return own(PyObject_VectorcallMethod(method, stack, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
-}
-
 Ref mapping_get(PyObject* mapping, PyObject* key, PyObject* get_method_name, PyObject* fallback) {
   if (!PyDict_CheckExact(mapping)) {
-    if (fallback) return call_method(mapping, get_method_name, {key, fallback});
-    return call_method(mapping, get_method_name, {key});
+    if (fallback) return call_method(mapping, get_method_name, key, fallback);
+    return call_method(mapping, get_method_name, key);
   }
   PyObject* found = nullptr;
   if (check(compat::dict_get_ref(mapping, key, &found))) return Ref::steal(found);
@@ -56,7 +38,7 @@ bool ends_with(PyObject* text, PyObject* suffix, PyObject* endswith_method_name)
   if (PyUnicode_CheckExact(text)) {
     return check_size(PyUnicode_Tailmatch(text, suffix, 0, PY_SSIZE_T_MAX, 1)) != 0;
   }
-  return truth(call_method(text, endswith_method_name, {suffix}).get());
+  return truth(call_method(text, endswith_method_name, suffix).get());
 }
 
 void join_type_error(Py_ssize_t index, PyObject* item) {

@@ -118,10 +118,20 @@ Ref collect(PyObject* iterable, F fn) {
   return list;
 }
 
-// Calls any callable with positional arguments.
-Ref call(PyObject* callable, std::initializer_list<PyObject*> args);
+// Calls any callable with positional arguments; the slot before them lets a callee reuse the array.
+template <typename... Args>
+Ref call(PyObject* callable, Args... args) {
+  PyObject* stack[] = {nullptr, args...};
+  return own(PyObject_Vectorcall(callable, stack + 1,
+                                 sizeof...(Args) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
 // Calls a method by name with positional arguments.
-Ref call_method(PyObject* obj, PyObject* method, std::initializer_list<PyObject*> args);
+template <typename... Args>
+Ref call_method(PyObject* obj, PyObject* method, Args... args) {
+  PyObject* stack[] = {obj, args...};
+  return own(PyObject_VectorcallMethod(
+      method, stack, (1 + sizeof...(Args)) | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
 
 inline Ref getattr(PyObject* obj, PyObject* attr) {
   return own(PyObject_GetAttr(obj, attr));
