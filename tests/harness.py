@@ -256,8 +256,7 @@ class Comparison(unittest.TestCase):
 
 @contextlib.contextmanager
 def example_copy(with_module=False):
-    """A temporary copy of the example host repository, its package holding this build's module if
-    `with_module`; yields its root."""
+    """The root of a temporary copy of the example host, with this build's module if asked."""
     with tempfile.TemporaryDirectory() as directory:
         shutil.copytree(EXAMPLE, root := Path(directory) / "example", ignore=shutil.ignore_patterns("__pycache__"))
         if with_module:

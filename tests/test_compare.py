@@ -37,7 +37,6 @@ def example_cases():
 
 # -- random registries and marked texts --------------------------------------------------------------
 
-SEED, CASES = 20240611, 300
 SPACES = [c for c in map(chr, range(0x3001)) if c.isspace()] + ["\u200b"]  # \u200b stays inside a word
 # Texts of each storage width: Latin-1 only, with BMP letters and lone surrogates, with astral ones.
 WORDS = r"find a|b | \ \d {x} { } `code` why? done. \1 \g<0> é ÿ|".split()
@@ -125,8 +124,7 @@ def random_registry(rng):
     names = dict(TOOLS=rng.choice([list, tuple])(tools), _TIERS=tiers, get_cli_schema=lambda tool_name: schemas[
         tool_name], rules_table=lambda: table, QUENOR_INSTRUCTION_CONTENT=marked_text(rng),
         ENDPOINT_FRAMEWORKS={str(i): text(rng, 1) for i in range(rng.randint(0, 3))})
-    if rng.random() < 0.2:
-        names.update([rng.choice(READERS)])
+    names.update([rng.choice(READERS)] if rng.random() < 0.2 else [])
     return names, tools, schemas
 
 
@@ -136,13 +134,12 @@ def file_record(rng, found):
     if change < 0.25:
         names = names[:-1] if change < 0.15 else [*names, rng.choice([*MARKER_NAMES, 1])]
     blocks = [(name, lambda shown=rng.choice(RENDERED): shown) for name in names]
-    if rng.random() < 0.05:
-        blocks.append(rng.choice([("a",), ("a", str, 1)]))
+    blocks += [rng.choice([("a",), ("a", str, 1)])] if rng.random() < 0.05 else []
     return Record("record", path="docs/f.md", blocks=tuple(blocks), encode=rng.choice(
         [str, docs._skill_text, docs._literal_text]))
 
 
-def random_cases(seed=SEED, count=CASES):
+def random_cases(seed=20240611, count=300):
     rng = random.Random(seed)
     for number in range(count):
         names, tools, schemas = random_registry(rng)
@@ -306,9 +303,9 @@ def midway_cases():
         return lambda side: side.ns.__setitem__(name, lambda *args, own=side.ns[name]: Midway(
             side, own(*args), count))
 
-    def field(name):  # of the first tool, or else of its second parameter
+    def field(name):  # of the first tool, its second parameter or the file record
         return lambda side: next(r.fields.update({name: Midway(side, r.fields[name])}) for r in (
-            side.tools[0], side.tools[0].fields["all_params"][1]) if name in r.fields)
+            side.tools[0], side.tools[0].fields["all_params"][1], side.record) if name in r.fields)
 
     def fail_second(name, go_on):  # the second call of the module's own function fails, and a
         # caller's `_table` reads past the failing row, or stops at it
@@ -328,10 +325,7 @@ def midway_cases():
         (field("all_params"), ["cli_usage", "mcp_params_block"]),
         (field("action_names"), ["skill_tools_block", "mcp_params_block"]),
         (field("applies_to"), ["mcp_params_block"]),
-        (field("action_defaults"), ["mcp_params_block"]),
-        (lambda side: side.record.fields.__setitem__("blocks", Midway(side, side.record.fields["blocks"])),
-         ["render_file"]),
-    ]
+        (field("action_defaults"), ["mcp_params_block"]), (field("blocks"), ["render_file"])]
     cases += [(fail_second(name, go_on), calls) for go_on in (False, True) for name, calls in [
         ("_cell", ["skill_tools_block", "readme_tools_block", "mcp_overview_block",
                    "mcp_params_block"]), ("cli_usage", ["mcp_cli_block"])]]
@@ -415,8 +409,7 @@ def odd_cases():
         (record(encode=type("Suffix", (str,), {"__radd__": lambda self, other: f"{other}<{self}>"})),
          ["render_file"]),
         (record(path=None, blocks=[("other", str)]), ["render_file"]),
-        (record(path=5, blocks=[("mcp-intro", str), ("mcp-intro", str)]), ["render_file"]),
-    ]
+        (record(path=5, blocks=[("mcp-intro", str), ("mcp-intro", str)]), ["render_file"])]
     for value in UNEQUAL:  # the same object in both places, where the model compares with ==, `in` or `index`
         def renamed(side, value=value):
             side.tools[0].fields["all_params"][0].fields["name"] = value

@@ -100,8 +100,7 @@ class ExampleTest(unittest.TestCase):
                 f"36: {typo}", '36: block "mcp-cli" is missing', '44: close marker "mcp-cli" has no open marker before it',
                 '52: open marker "params:search" has no close marker after it', '52: block "params:search" is missing',
                 f"60: {typo}", '76: open marker "params:find_refs" has no close marker after it',
-                '76: block "params:find_refs" is missing', f"85: {typo}"]),
-        ]
+                '76: block "params:find_refs" is missing', f"85: {typo}"])]
         for path, edits, args, error, faults in cases:
             for mode, newline in (("--check", "\n"), ("--write", "\r\n")):  # "\r\n" line ends count alike
                 with self.subTest(error or faults[0], mode=mode), example_copy(True) as root:

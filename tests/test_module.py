@@ -23,7 +23,6 @@ import quenor_dorvan.tool_registry as registry
 from harness import MODEL, MODEL_FILE, docs, shown, tool
 from test_kept import Keeping
 
-STUB = Path(docs.__file__).with_name("registry_docs.pyi")
 
 
 def outcome(call):
@@ -35,10 +34,9 @@ def outcome(call):
 
 def described(function):
     """What a caller can see of a function, and what each kind of wrong call raises."""
-    signature = inspect.signature(function)
-    names = list(signature.parameters)
+    names = list(parameters := inspect.signature(function).parameters)
     seen = [function.__name__, function.__qualname__, function.__module__, function.__defaults__,
-            function.__kwdefaults__, [(p.name, p.kind) for p in signature.parameters.values()]]
+            function.__kwdefaults__, [(p.name, p.kind) for p in parameters.values()]]
     seen.append(setattr(function, "custom", 1) or vars(function).copy())
     del function.custom
     for call in (lambda: function(*range(len(names) + 1)), lambda: function(x=1),
@@ -78,8 +76,8 @@ class ModuleTest(unittest.TestCase):
 
     def test_functions_are_the_stubs_and_behave_as_defs(self):
         # The stub run as Python, its annotations kept as texts: functions, record and `__all__`.
-        stubbed, source = {}, STUB.read_text("utf-8")
-        exec(compile(source, str(STUB), "exec", __future__.annotations.compiler_flag), stubbed)
+        stub, stubbed = Path(docs.__file__).with_name("registry_docs.pyi"), {}
+        exec(compile(stub.read_bytes(), stub, "exec", __future__.CO_FUTURE_ANNOTATIONS), stubbed)
         functions = {name: f.__annotations__ for name, f in stubbed.items() if getattr(f, "__globals__", 0) is stubbed}
         own = {name: value for name, value in vars(docs).items() if type(value) is type(docs._code)}
         self.assertEqual([(name, f.__annotations__) for name, f in own.items()], list(functions.items()))
