@@ -111,17 +111,14 @@ class ModuleTest(unittest.TestCase):
         self.assertIsNone(collected())
 
     def test_import_fails_as_the_model(self):
-        script = f"""import importlib.util, sys
-def load(path=None):
+        script = f"""import importlib, runpy, sys
+def load(run, name):
     try:
-        if path:
-            spec = importlib.util.spec_from_file_location("model", path)
-            spec.loader.exec_module(importlib.util.module_from_spec(spec))
-        else:
-            import quenor_dorvan.setup.registry_docs
+        run(name)
     except ImportError as e:
         return type(e).__name__, str(e), e.name, e.path
-print(load(), load({str(MODEL_FILE)!r}), 'quenor_dorvan.setup.registry_docs' in sys.modules, sep="\\n")"""
+print(load(importlib.import_module, "{docs.__name__}"), load(runpy.run_path, {str(MODEL_FILE)!r}),
+      "{docs.__name__}" in sys.modules, sep="\\n")"""
         routes = "quenor_dorvan/tool_routes.py"  # both names gone: the first imported is named
         for change in [lambda host: (host / routes).write_text((host / routes).read_text().replace(
                 "def skill_table(", "def _gone(").replace("def rules_table(", "def _lost(")),
