@@ -6,7 +6,6 @@ import itertools
 import random
 import re
 import typing
-import unittest
 
 import quenor_dorvan.tool_registry as registry
 from harness import (EXAMPLE, MODEL, Case, Comparison, Record, block, call, callback, docs, outcome,
@@ -491,6 +490,3 @@ class CompareTest(Comparison):
         self.compared(action_cases(), forms=["literal"])  # other tests make the stand-ins anew
         ends = {end: sum(n for (_, e), n in self.ends.items() if e == end) for end in ("ok", "error")}
         self.assertTrue(ends["error"] > 250 and ends["ok"] > 1000, ends)  # the actions reach both ends of a call
-
-if __name__ == "__main__":
-    unittest.main()

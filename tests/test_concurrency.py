@@ -114,7 +114,3 @@ class ConcurrencyTest(unittest.TestCase):
         self.assertEqual(seen["neither"], 0, seen)
         self.assertGreater(min(seen["A"], seen["B"]), 20, seen)  # both registries were seen
         self.assertLess(sum(seen.values()) - seen["A"] - seen["B"], sum(seen.values()) // 10, seen)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -149,7 +149,3 @@ def rendered_tables(markdown):
                           encoding="utf-8", check=True)
     return [[re.findall(r"<t[hd][^>]*>(.*?)</t[hd]>", row) for row in re.findall(r"<tr>(.*?)</tr>", table, re.S)]
             for table in re.findall(r"<table>(.*?)</table>", done.stdout, re.S)]
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -5,7 +5,6 @@ import atexit
 import itertools
 import shutil
 import tempfile
-import unittest
 from pathlib import Path
 
 from harness import Case, Comparison, block, docs, reached
@@ -105,7 +104,3 @@ class FilesTest(Comparison):
         written = [ends[f"{label}: write_blocks"][:2] for label in ("current", "stale", "listed twice")]
         self.assertEqual(written, [("ok", []), ("ok", [r.path for r in RECORDS]), ("ok", ["README.md"])])
         self.assertEqual(ends["unprintable: stale_blocks"][1:3], (RuntimeError, "str"))
-
-
-if __name__ == "__main__":
-    unittest.main()

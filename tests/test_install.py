@@ -53,7 +53,3 @@ class InstallTest(unittest.TestCase):
                        f"-DCMAKE_INSTALL_PREFIX={wheel}")
             self.cmake("--build", build, "-j2")
             self.assert_installs(build, wheel, Path("quenor_dorvan/setup"))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -2,7 +2,6 @@
 
 import gc
 import re
-import unittest
 import weakref
 
 from harness import Case, Comparison, Record, docs, outcome
@@ -81,7 +80,3 @@ class KeptTest(Comparison):
     def test_kept_rows_and_replacement_functions(self):
         # The rows kept in a cycle were collected.
         self.assertEqual(self.compared(kept_cases())["generators"][1][-1], True)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -71,6 +71,3 @@ class LeakTest(unittest.TestCase):
                 test_text.width_cases(), test_files.file_cases(), test_compare.random_cases(count=5),
                 itertools.islice(test_compare.action_cases(), 0, None, 14)), 0, None, SAMPLE):
             self.flat(case)
-
-if __name__ == "__main__":
-    unittest.main()

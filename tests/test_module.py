@@ -130,7 +130,3 @@ print(load(importlib.import_module, "{docs.__name__}"), load(runpy.run_path, {st
                     os.environ, PYTHONPATH=directory), capture_output=True, text=True, check=True).stdout.split("\n")[:3]
             self.assertEqual((module, kept), (model, "False"))
             self.assertIn("Error", module)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -3,7 +3,6 @@ right width, and the scanner of block markers."""
 
 import itertools
 import time
-import unittest
 
 from harness import Case, Comparison, block, call, docs
 
@@ -71,7 +70,3 @@ class TextTest(Comparison):
         start = time.perf_counter()
         self.assertEqual(docs.block_names(text), ["a"])
         self.assertLess(time.perf_counter() - start, 1.0)
-
-
-if __name__ == "__main__":
-    unittest.main()
