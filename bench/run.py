@@ -78,12 +78,19 @@ def with_params_blocks(text, blocks):
     return head + "## Tools\n\n" + "".join(sections) + rest[rest.index("## Errors"):]
 
 
+def python_model():
+    """A model of its own, run into a copy of the module's globals: each workload binds its registry."""
+    model = dict(vars(docs), __annotations__={})
+    exec(compile(harness.MODEL_FILE.read_text("utf-8"), harness.MODEL_FILE, "exec"), model)
+    return model
+
+
 class Workload:
     """A synthetic registry of `size` tools, the model bound to it, and the five files' texts."""
 
     def __init__(self, size):
         self.names = synthetic_registry(size)
-        self.model = harness.python_model()
+        self.model = python_model()
         self.model.update(self.names)
         example = {path: (harness.EXAMPLE / path).read_text(encoding="utf-8") for path in FILES}
         # Each clone's parameter block starts out holding its source tool's old table.

@@ -17,8 +17,7 @@ namespace {
 // What a function object holds, every reference with its owner: those the collector may clear,
 // and apart from them those that stay until the object goes (its repr and reduce read them).
 struct Held {
-  Ref module;
-  Ref globals;
+  Ref module, globals;
   Ref state;                           // the module's state object
   Ref builtins;                        // taken when made, as a def takes them
   Ref bound[FunctionDef::kMaxValues];  // a closure's values, inline until a caller asks for cells
@@ -29,10 +28,7 @@ struct Held {
 
 struct Fields {
   const FunctionDef* def;
-  Ref name;
-  Ref qualname;
-  Ref module_name;
-  Ref doc;
+  Ref name, qualname, module_name, doc;  // its `__name__`, `__qualname__`, `__module__`, `__doc__`
   Held held;
 };
 

@@ -104,7 +104,7 @@ Ref actions_cell_body(const Env& env, PyObject* const* args) {
 Ref cli_usage_body(const Env& env, PyObject* const* args) {
   PyObject* tool = args[0];
   JoinWriter words(" ");
-  words.item(env.constant("quenor-dorvan query"));
+  words.start()->lit("quenor-dorvan query");
   words.item(lookup(env, Id::snake_to_kebab)(env.attr(tool, Id::name)));
   for_each(env.attr(tool, Id::all_params).get(), [&](PyObject* p) {
     if (truth(env.attr(p, Id::required).get())) {

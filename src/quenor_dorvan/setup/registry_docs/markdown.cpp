@@ -172,8 +172,7 @@ Ref value_body(const Env& env, PyObject* const* args) {
 
 // Every reference a lazy object holds is a field of it, seen by the collector.
 struct LazyFields {
-  Ref module;
-  Ref state;
+  Ref module, state;
   Ref builtins;  // those of the renderer that made it, as a generator keeps its function's
   Ref source;    // the rows: the iterator of tools; a row: its tool; null once finished
   RowOf row;

@@ -109,7 +109,7 @@ void scan_markers(const Char* text, std::ptrdiff_t size, IsWord is_word,
         static_cast<std::size_t>(marker.name_end - marker.name_start) * sizeof(Char));
   };
   constexpr std::size_t kNone = static_cast<std::size_t>(-1);
-  std::unordered_map<std::string_view, std::pair<std::size_t, std::size_t>> by_name;
+  std::unordered_map<std::string_view, std::pair<std::size_t, std::size_t>> by_name(closes.size());
   std::vector<std::size_t> next(closes.size(), kNone);
   for (std::size_t i = 0; i < closes.size(); ++i) {
     auto [found, added] = by_name.try_emplace(name_of(closes[i]), i, i);

@@ -35,10 +35,14 @@ Ref add(std::initializer_list<Obj> operands) {
 }
 
 bool ends_with(PyObject* text, PyObject* suffix, PyObject* endswith_method_name) {
-  if (PyUnicode_CheckExact(text)) {
-    return check_size(PyUnicode_Tailmatch(text, suffix, 0, PY_SSIZE_T_MAX, 1)) != 0;
+  if (!PyUnicode_CheckExact(text))
+    return truth(call_method(text, endswith_method_name, suffix).get());
+  check(PyUnicode_READY(text));
+  Py_ssize_t size = PyUnicode_GET_LENGTH(suffix), at = PyUnicode_GET_LENGTH(text) - size;
+  for (Py_ssize_t i = 0; at >= 0 && i < size; ++i) {
+    if (PyUnicode_READ_CHAR(text, at + i) != PyUnicode_READ_CHAR(suffix, i)) return false;
   }
-  return truth(call_method(text, endswith_method_name, suffix).get());
+  return at >= 0;
 }
 
 void join_type_error(Py_ssize_t index, PyObject* item) {

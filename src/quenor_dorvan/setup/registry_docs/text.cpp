@@ -195,18 +195,18 @@ Ref TextWriter::finish() {
   return result;
 }
 
-Piece::Piece(PyObject* value) : text_(own(PyObject_Format(value, nullptr))) {}
+Piece::Piece(PyObject* value)
+    : text_(PyUnicode_CheckExact(value)
+                ? value
+                : (formatted_ = own(PyObject_Format(value, nullptr))).get()) {}
 
-Piece::Piece(Py_ssize_t number) : text_(str_of(own(PyLong_FromSsize_t(number)).get())) {}
+Piece::Piece(Py_ssize_t number)
+    : formatted_(str_of(own(PyLong_FromSsize_t(number)).get())), text_(formatted_.get()) {}
 
 Ref fstr(std::initializer_list<Piece> pieces) {
   TextWriter out;
   for (const Piece& piece : pieces) {
-    if (piece.ascii_) {
-      out.ascii(piece.ascii_, piece.size_);
-    } else {
-      out.str(piece.text_.get());
-    }
+    piece.ascii_ ? out.ascii(piece.ascii_, piece.size_) : out.str(piece.text_);
   }
   return out.finish();
 }

@@ -120,7 +120,8 @@ class Piece {
   friend Ref fstr(std::initializer_list<Piece> pieces);
   const char* ascii_ = nullptr;
   Py_ssize_t size_ = 0;
-  Ref text_;
+  Ref formatted_;
+  PyObject* text_ = nullptr;  // an exact str given is borrowed: it outlives the braced list
 };
 
 // `f"..."` of its pieces, in order.
