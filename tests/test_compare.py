@@ -148,8 +148,9 @@ def random_cases(seed=20240611, count=300):
         for i, entry in enumerate(tools):
             for function in ("mcp_params_block", "cli_usage"):
                 yield Case(f"{function}: registry {number} tool {i}", world, call(function, entry))
+            properties = schemas[entry.fields["name"]]["properties"]
             for p in entry.fields["all_params"]:
-                prop = schemas[entry.fields["name"]]["properties"].get(p.fields["name"]) or new_prop(rng)
+                prop = properties.get(p.fields["name"]) or new_prop(rng)
                 yield Case(f"_default_cell: {number}", world, call("_default_cell", p))
                 yield Case(f"_type_cell: {prop!r}", world, call("_type_cell", prop))
                 yield Case(f"_description_cell: {number}", world, call("_description_cell", p, prop))
@@ -393,7 +394,7 @@ def odd_cases():
         (rebind(_TIERS=Positions(("core", "extended"))), ["ordered_tools"]),
         (rebind(_TIERS=("core", "extended", "beta")), ["_tier_tools", "_tier_counts"]),
         (lambda side: side.ns.update(TOOLS=iter(side.tools)), ["ordered_tools", "readme_tools_block"]),
-        (rebind(ToolTier=typing.Literal["extended", "core"]), ["ordered_tools"]),  # the tiers are fixed at import
+        (rebind(ToolTier=typing.Literal["extended", "core"]), ["ordered_tools"]),  # read at import
         (lambda side: side.ns.update(_code=side.ns["_value"], _value=side.ns["_cell"],
                                      _tier_tools=side.ns["_code"]),  # each side's own functions, swapped
          ["readme_tools_block", "mcp_overview_block", "mcp_params_block", "_tier_counts"]),
@@ -402,7 +403,7 @@ def odd_cases():
         (rebind(_MARKER=Subbed()), ["rules_block", "render_file"]),
         (lambda side: (side.ns.update(_MARKER=NO_SUB),  # `sub` is read before the content
                        side.ns.pop("QUENOR_INSTRUCTION_CONTENT")), ["rules_block"]),
-        (rebind(QUENOR_INSTRUCTION_CONTENT=b"<!-- registry:a -->\n<!-- /registry:a -->"), ["rules_block"]),
+        (rebind(QUENOR_INSTRUCTION_CONTENT=block("a", "").encode()), ["rules_block"]),
         (renderers(None), ["render_file"]),
         (lambda side: (renderers(None)(side), record(encode=side.ns["_skill_text"])(side)), ["render_file"]),
         (record(encode=type("Suffix", (str,), {"__radd__": lambda self, other: f"{other}<{self}>"})),

@@ -101,6 +101,7 @@ def file_cases():
 class FilesTest(Comparison):
     def test_check_and_write(self):
         ends = self.compared(file_cases())
-        written = [ends[f"{label}: write_blocks"][:2] for label in ("current", "stale", "listed twice")]
-        self.assertEqual(written, [("ok", []), ("ok", [r.path for r in RECORDS]), ("ok", ["README.md"])])
+        self.assertEqual(ends["current: write_blocks"][:2], ("ok", []))
+        self.assertEqual(ends["stale: write_blocks"][:2], ("ok", [r.path for r in RECORDS]))
+        self.assertEqual(ends["listed twice: write_blocks"][:2], ("ok", ["README.md"]))
         self.assertEqual(ends["unprintable: stale_blocks"][1:3], (RuntimeError, "str"))

@@ -66,8 +66,8 @@ class ModuleTest(unittest.TestCase):
         spec = importlib.util.spec_from_file_location(docs.__name__, MODEL_FILE)  # the model as a module
         spec.loader.exec_module(model := importlib.util.module_from_spec(spec))
         self.assertEqual(list(vars(docs)), list(vars(model)))  # the body's order, as documented
-        self.assertEqual(*[(side.__all__, side._TIERS, side._NONE, side.__annotations__, side._MARKER.pattern,
-                            side._MARKER.flags) for side in (docs, model)])
+        self.assertEqual(*[(side.__all__, side._TIERS, side._NONE, side.__annotations__,
+                            side._MARKER.pattern, side._MARKER.flags) for side in (docs, model)])
         self.assertIsNone(docs.__cached__)  # the model's file has a cache; a native module none
         records = [side.GeneratedFile("p", (("a", str),)) for side in (docs, model)]
         self.assertEqual(*[(repr(r), hash(r), r == dataclasses.replace(r), r.__match_args__, type(r).__qualname__,
